@@ -1,0 +1,187 @@
+// The logging facade and the logging service behind it.
+//
+// A log statement names a source and a level and streams its text:
+//
+//   QXLOG(g_log, qx::logging::QXLOG_INFO) << "registered " << id;
+//
+// A statement below the minimum level costs one atomic load and a compare and
+// evaluates none of its operands. An enabled statement formats into the
+// calling thread's own stream (no lock) and hands the finished record to
+// `LogMessage`, which passes it to every handler on the same thread.
+//
+// Thread-safety: every function here may be called from any thread at any
+// time. Handlers are called on the logging thread, one record at a time per
+// thread but concurrently across threads; a handler must be thread-safe.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <ostream>
+
+#include <boost/io/ios_state.hpp>
+
+#include "stlext/sstream.h"
+#include "stlext/string.h"
+
+namespace qx::logging {
+
+enum LogLevel : std::int32_t {
+  QXLOG_DEBUG = 0,
+  QXLOG_INFO = 10,
+  QXLOG_INFO_LOCAL = 14,
+  QXLOG_INFO_SEARCH = 17,
+  QXLOG_WARNING = 20,
+  QXLOG_ERROR = 30,
+  QXLOG_CRITICAL = 40,
+  QXLOG_WALL = 100,
+};
+
+// Tells handlers how a record's text may be parsed.
+enum DecodeType : std::int32_t {
+  QXLOG_DECODE_AS_NONE = 0,
+  QXLOG_DECODE_AS_KV = 1,
+  QXLOG_DECODE_AS_JSON = 2,
+  QXLOG_DECODE_AS_MIXED = 3,
+  QXLOG_DECODE_AS_PB = 4,
+};
+
+// The name of a level: "DEBUG", "INFO", ..., "UNKNOWN" for other values.
+const char* LevelName(LogLevel level);
+
+class Source;
+using ConstSourcePtr = std::shared_ptr<const Source>;
+using SourcePtr = std::shared_ptr<Source>;
+
+// A named log source in a tree of sources. Immutable once shared.
+class Source {
+ public:
+  explicit Source(const char* name, ConstSourcePtr parent = nullptr)
+      : m_name(name), m_parent(std::move(parent)) {}
+  explicit Source(IPString name, ConstSourcePtr parent = nullptr)
+      : m_name(std::move(name)), m_parent(std::move(parent)) {}
+
+  const IPString& Name() const { return m_name; }
+  const ConstSourcePtr& Parent() const { return m_parent; }
+  // A root source named by the chain from the root down to this source,
+  // joined with "." ("root.child.leaf").
+  ConstSourcePtr Reverse() const;
+
+ private:
+  IPString m_name;
+  ConstSourcePtr m_parent;
+};
+
+// A new root source named `name`.
+inline SourcePtr MakeSource(IPString name) { return std::make_shared<Source>(std::move(name)); }
+
+// One finished record as handlers see it. The references are valid only for
+// the duration of the handler call.
+struct LogRecord {
+  LogLevel level;
+  unsigned int id;
+  DecodeType decodeType;
+  const ConstSourcePtr& source;
+  const char* filename;
+  int lineNumber;
+  const String& message;
+  const String& handlerName;
+};
+
+using LogHandler = std::function<void(const LogRecord&)>;
+
+// The process-wide minimum level. Starts at the level named by the
+// environment variable KORVEL_LOG_LEVEL (debug, info, warning, error,
+// critical; case-insensitive), else at QXLOG_INFO.
+extern std::atomic<LogLevel> g_minLogLevel;
+
+void SetMinimumLoggingLevel(LogLevel level);
+LogLevel GetMinimumLoggingLevel();
+
+// Adds a handler and returns its id for `RemoveLogHandler`. While no handler
+// is added, records go to a default handler that writes one line per record
+// to stderr. A handler that throws loses that record; the others still get it.
+int AddLogHandler(LogHandler handler);
+// Removes the handler; an unknown id is ignored. When it returns, no other
+// thread is still inside that handler and it is never called again.
+void RemoveLogHandler(int id);
+
+// Makes sure the handler registry exists; called before every record so that
+// records logged during static initialisation or exit are delivered.
+void ForceLockHandlers();
+
+// Delivers one finished record to the handlers, synchronously on this thread.
+void LogMessage(LogLevel level, unsigned int id, DecodeType decodeType,
+                const ConstSourcePtr& source, const char* filename, int lineNumber,
+                const String& message, const String& handlerName);
+
+// The calling thread's formatting stream, shared by every record of the thread.
+inline IPStringStream& GetThreadLocalStream() {
+  thread_local IPStringStream stream;
+  return stream;
+}
+
+// One record under construction, alive for one log statement.
+class Logger {
+ public:
+  Logger(LogLevel level, unsigned int id, DecodeType decodeType, const ConstSourcePtr& source,
+         const char* filename, int lineNumber, const String& handlerName)
+      : m_level(level),
+        m_id(id),
+        m_decodeType(decodeType),
+        m_filename(filename),
+        m_lineNumber(lineNumber),
+        m_source(source),
+        m_stream(GetThreadLocalStream()),
+        m_saver(m_stream),
+        m_handlerName(handlerName) {}
+  Logger(const Logger&) = delete;
+  Logger& operator=(const Logger&) = delete;
+
+  // Hands the record over. An exception here ends the process.
+  virtual ~Logger() noexcept {
+    ForceLockHandlers();
+    LogMessage(m_level, m_id, m_decodeType, m_source, m_filename, m_lineNumber, Finish(m_stream),
+               m_handlerName);
+    Reset(m_stream, kKeptCapacity);
+    m_saver.restore();
+  }
+
+  std::ostream& Stream() { return m_stream; }
+
+ private:
+  // Records longer than this give their buffer back afterwards.
+  static constexpr std::size_t kKeptCapacity = 64 * 1024;
+
+  LogLevel m_level;
+  unsigned int m_id;
+  DecodeType m_decodeType;
+  const char* m_filename;
+  int m_lineNumber;
+  ConstSourcePtr m_source;
+  IPStringStream& m_stream;
+  boost::io::ios_base_all_saver m_saver;
+  const String m_handlerName;
+};
+
+// Lets a log statement be one conditional expression whose branches are void.
+struct VoidifyStream {
+  void operator&(std::ostream&) {}
+};
+
+inline bool IsLogged(LogLevel level) {
+  return level >= g_minLogLevel.load(std::memory_order_relaxed);
+}
+
+}  // namespace qx::logging
+
+// Logs to `source` at `level` with id 0, key-value decoding and the default
+// handlers; the streamed operands are evaluated only when the level is logged.
+#define QXLOG(source, level)                                                               \
+  !::qx::logging::IsLogged(level)                                                          \
+      ? (void)0                                                                            \
+      : ::qx::logging::VoidifyStream() &                                                   \
+            ::qx::logging::Logger((level), 0, ::qx::logging::QXLOG_DECODE_AS_KV, (source), \
+                                  __FILE__, __LINE__, ::qx::String())                     \
+                .Stream()

@@ -1,0 +1,790 @@
+#include "korvel/connection_v2.h"
+
+#include <stdio.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <cstring>
+#include <deque>
+#include <thread>
+#include <unordered_map>
+
+#include "korvel/error.h"
+#include "logger/logger.h"
+
+namespace qx::korvel {
+namespace {
+
+using logging::QXLOG_DEBUG;
+using logging::QXLOG_ERROR;
+using logging::QXLOG_INFO;
+using logging::QXLOG_WARNING;
+
+const logging::ConstSourcePtr g_log = logging::MakeSource("korvel.connection");
+const logging::ConstSourcePtr g_clientLog = logging::MakeSource("zookeeper.client");
+
+// ---- The C client's own log lines --------------------------------------------
+
+// The client logs every failed connection attempt while a server is away;
+// beyond this many lines a second the rest are counted and summarised.
+constexpr int kClientLinesPerSecond = 20;
+
+void RouteClientLine(const char* text, std::size_t length) {
+  while (length > 0 && (text[length - 1] == '\n' || text[length - 1] == '\r')) --length;
+  if (length == 0) return;
+  // A line reads "<time>:<pid>(<tid>):ZOO_<LEVEL>@<function>@<line>: <message>".
+  static const std::pair<const char*, logging::LogLevel> kLevels[] = {
+      {"ZOO_ERROR@", QXLOG_ERROR},
+      {"ZOO_WARN@", QXLOG_WARNING},
+      {"ZOO_INFO@", QXLOG_INFO},
+      {"ZOO_DEBUG@", QXLOG_DEBUG}};
+  const std::string_view line(text, length);
+  logging::LogLevel level = QXLOG_INFO;
+  std::string_view message = line;
+  for (const auto& [marker, markerLevel] : kLevels) {
+    const auto at = line.find(marker);
+    if (at != std::string_view::npos) {
+      level = markerLevel;
+      message = line.substr(at + std::strlen(marker));
+      break;
+    }
+  }
+  if (!logging::IsLogged(level)) return;
+
+  static std::mutex mutex;
+  static auto windowStart = std::chrono::steady_clock::now();
+  static int linesInWindow = 0;
+  static int suppressed = 0;
+  int reportSuppressed = 0;
+  {
+    std::lock_guard<std::mutex> lock(mutex);
+    const auto now = std::chrono::steady_clock::now();
+    if (now - windowStart >= std::chrono::seconds(1)) {
+      windowStart = now;
+      linesInWindow = 0;
+      reportSuppressed = std::exchange(suppressed, 0);
+    }
+    if (++linesInWindow > kClientLinesPerSecond) {
+      ++suppressed;
+      return;
+    }
+  }
+  if (reportSuppressed > 0) {
+    QXLOG(g_clientLog, QXLOG_WARNING) << "suppressed " << reportSuppressed
+                                      << " ZooKeeper client log lines";
+  }
+  QXLOG(g_clientLog, level) << message;
+}
+
+void ClientLogCallback(const char* message) { RouteClientLine(message, std::strlen(message)); }
+
+ssize_t ClientLogStreamWrite(void*, const char* buffer, std::size_t size) {
+  for (std::size_t start = 0; start < size;) {
+    const void* newline = std::memchr(buffer + start, '\n', size - start);
+    const std::size_t end =
+        newline ? static_cast<std::size_t>(static_cast<const char*>(newline) - buffer) + 1 : size;
+    RouteClientLine(buffer + start, end - start);
+    start = end;
+  }
+  return static_cast<ssize_t>(size);
+}
+
+ZooLogLevel ClientLevelFor(logging::LogLevel level) {
+  if (level <= QXLOG_DEBUG) return ZOO_LOG_LEVEL_DEBUG;
+  if (level < QXLOG_WARNING) return ZOO_LOG_LEVEL_INFO;
+  if (level < QXLOG_ERROR) return ZOO_LOG_LEVEL_WARN;
+  return ZOO_LOG_LEVEL_ERROR;
+}
+
+// Routes the client's lines into our logging: those of a handle through the
+// handle's callback, the few it logs without a handle through a stream.
+void RouteClientLogging() {
+  static std::once_flag once;
+  std::call_once(once, [] {
+    cookie_io_functions_t functions{};
+    functions.write = &ClientLogStreamWrite;
+    if (FILE* stream = fopencookie(nullptr, "w", functions)) {
+      setvbuf(stream, nullptr, _IOLBF, 0);
+      zoo_set_log_stream(stream);
+    }
+  });
+  zoo_set_debug_level(ClientLevelFor(logging::GetMinimumLoggingLevel()));
+}
+
+// ---- Threads ------------------------------------------------------------------
+
+// True on a thread that is running one of our C-client callbacks: such a
+// thread must not wait for asynchronous completions, which it would deliver.
+thread_local bool t_onEventThread = false;
+
+class EventThreadScope {
+ public:
+  EventThreadScope() : m_previous(std::exchange(t_onEventThread, true)) {}
+  ~EventThreadScope() { t_onEventThread = m_previous; }
+
+ private:
+  bool m_previous;
+};
+
+class Latch {
+ public:
+  explicit Latch(std::size_t count) : m_count(count) {}
+  void CountDown() {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    if (--m_count == 0) m_cv.notify_all();
+  }
+  void Wait() {
+    std::unique_lock<std::mutex> lock(m_mutex);
+    m_cv.wait(lock, [this] { return m_count == 0; });
+  }
+
+ private:
+  std::mutex m_mutex;
+  std::condition_variable m_cv;
+  std::size_t m_count;
+};
+
+// Codes that say the request may not have reached the server, rather than
+// that the server refused it.
+bool IsSessionFailure(int rc) {
+  return rc == ZCONNECTIONLOSS || rc == ZOPERATIONTIMEOUT || rc == ZSESSIONEXPIRED ||
+         rc == ZINVALIDSTATE || rc == ZCLOSING || rc == ZSESSIONMOVED;
+}
+
+String SessionIdText(const clientid_t& id) {
+  char text[24];
+  std::snprintf(text, sizeof text, "0x%llx", static_cast<unsigned long long>(id.client_id));
+  return text;
+}
+
+const char* StateName(int state) {
+  if (state == ZOO_CONNECTED_STATE) return "connected";
+  if (state == ZOO_CONNECTING_STATE) return "connecting";
+  if (state == ZOO_ASSOCIATING_STATE) return "associating";
+  if (state == ZOO_EXPIRED_SESSION_STATE) return "expired";
+  if (state == ZOO_AUTH_FAILED_STATE) return "auth failed";
+  if (state == ZOO_READONLY_STATE) return "read-only";
+  return "not connected";
+}
+
+}  // namespace
+
+// ---- WatchContext and WatchHandle ------------------------------------------------
+
+Connection::WatchContext::WatchContext(const Connection& conn, WatchFunction&& func)
+    : m_conn(conn), m_func(std::move(func)) {}
+
+Connection::WatchContext::WatchContext(const WatchContext& other) : m_conn(other.m_conn) {
+  std::lock_guard<std::mutex> lock(const_cast<std::mutex&>(other.m_mtx));
+  m_func = other.m_func;
+  m_valid = other.m_valid;
+  m_cbk = other.m_cbk;
+}
+
+Connection::WatchContext::WatchContext(WatchContext&& other) : m_conn(other.m_conn) {
+  std::lock_guard<std::mutex> lock(other.m_mtx);
+  m_func = std::move(other.m_func);
+  m_valid = other.m_valid;
+  m_cbk = std::move(other.m_cbk);
+}
+
+bool Connection::WatchContext::Invalidate(std::function<void()> cbk) {
+  std::lock_guard<std::mutex> lock(m_mtx);
+  m_valid = false;
+  if (!m_invoking) return false;
+  m_cbk = std::move(cbk);
+  return true;
+}
+
+void Connection::WatchContext::Invoke(int type, int state, const String& path) {
+  {
+    std::lock_guard<std::mutex> lock(m_mtx);
+    if (!m_valid) return;
+    m_invoking = true;
+  }
+  try {
+    m_func(type, state, path);
+  } catch (const std::exception& e) {
+    QXLOG(g_log, QXLOG_ERROR) << "Watch callback for '" << path << "' threw: " << e.what();
+  } catch (...) {
+    QXLOG(g_log, QXLOG_ERROR) << "Watch callback for '" << path << "' threw";
+  }
+  std::function<void()> completion;
+  {
+    std::lock_guard<std::mutex> lock(m_mtx);
+    m_invoking = false;
+    completion = std::move(m_cbk);
+    m_cbk = nullptr;
+  }
+  if (completion) completion();
+}
+
+Connection::WatchHandle& Connection::WatchHandle::operator=(WatchHandle&& other) noexcept {
+  if (this != &other) {
+    Cancel(nullptr);
+    m_ctx = std::move(other.m_ctx);
+  }
+  return *this;
+}
+
+Connection::WatchHandle::~WatchHandle() { Cancel(nullptr); }
+
+bool Connection::WatchHandle::Cancel(std::function<void()> cbk) {
+  if (!m_ctx) return false;
+  const bool deferred = m_ctx->Invalidate(std::move(cbk));
+  m_ctx.reset();
+  return deferred;
+}
+
+// ---- Impl --------------------------------------------------------------------------
+
+class Connection::Impl {
+ public:
+  // One C-client handle. It is the handle's context, so callbacks find their
+  // connection through zoo_get_context.
+  struct Session {
+    Impl* impl;
+    zhandle_t* zh = nullptr;
+    bool connected = false;  // guarded by m_sessionMutex
+  };
+
+  Impl(Connection& self, String hosts, std::chrono::milliseconds timeout)
+      : m_self(self),
+        m_hosts(std::move(hosts)),
+        m_timeoutMs(static_cast<int>(timeout.count())),
+        m_worker([this] { RunWorker(); }) {}
+
+  ~Impl() {
+    std::shared_ptr<Session> last;
+    {
+      std::lock_guard<std::mutex> lock(m_sessionMutex);
+      m_closing = true;
+      last = std::move(m_current);
+    }
+    last.reset();  // queues the close
+    {
+      std::lock_guard<std::mutex> lock(m_workMutex);
+      m_stopping = true;
+    }
+    m_workCv.notify_all();
+    m_worker.join();
+  }
+
+  // Opens the first session and waits until it is connected.
+  void Connect(std::chrono::milliseconds timeout) {
+    std::unique_lock<std::mutex> lock(m_sessionMutex);
+    m_current = Open();
+    if (!m_current) {
+      QXLOG(g_log, QXLOG_ERROR) << "Invalid ZooKeeper connect string '" << m_hosts << "'";
+      throw KorvelError("Invalid ZooKeeper connect string");
+    }
+    if (!m_connectedCv.wait_for(lock, timeout, [this] { return m_current->connected; })) {
+      QXLOG(g_log, QXLOG_ERROR) << "Failed to connect to ZooKeeper at '" << m_hosts << "' within "
+                                << timeout.count() << " ms";
+      throw KorvelError("Failed to connect to ZooKeeper");
+    }
+  }
+
+  std::shared_ptr<Session> Current() const {
+    std::lock_guard<std::mutex> lock(m_sessionMutex);
+    return m_current;
+  }
+
+  // Stops all dispatch to the owner, which is going away before this does.
+  void Detach() { m_closing = true; }
+
+  bool HasInjector() const { return m_hasInjector.load(std::memory_order_acquire); }
+
+  std::optional<int> Injected(Operation op, const String& path) const {
+    if (!HasInjector()) return std::nullopt;
+    FaultInjector injector;
+    {
+      std::lock_guard<std::mutex> lock(m_injectorMutex);
+      injector = m_injector;
+    }
+    return injector ? injector(op, path) : std::nullopt;
+  }
+
+  void SetFaultInjector(FaultInjector injector) {
+    std::lock_guard<std::mutex> lock(m_injectorMutex);
+    m_hasInjector.store(static_cast<bool>(injector), std::memory_order_release);
+    m_injector = std::move(injector);
+  }
+
+  // Runs `call(zh, watcher, watcherCtx)`, which returns the result code and
+  // whether the client set the watch, with a new watch for `func`.
+  template <typename Call>
+  std::pair<int, WatchHandle> Watched(const String& path, WatchFunction func, Call call) {
+    const auto session = Current();
+    auto ctx = std::make_shared<WatchContext>(m_self, std::move(func));
+    const std::uint64_t id = AddWatch(ctx, session.get(), path);
+    const auto [rc, set] =
+        call(session->zh, &Impl::OnPathWatch, reinterpret_cast<void*>(static_cast<uintptr_t>(id)));
+    if (!set) TakeWatch(id);
+    return {rc, WatchHandle(std::move(ctx))};
+  }
+
+ private:
+  struct PendingWatch {
+    std::shared_ptr<WatchContext> ctx;
+    const Session* session;
+    String path;
+  };
+
+  // Must be called with m_sessionMutex held, so that the new session's
+  // callbacks see it installed before they act.
+  std::shared_ptr<Session> Open() {
+    RouteClientLogging();
+    auto* session = new Session{this};
+    session->zh = zookeeper_init2(m_hosts.c_str(), &Impl::OnSessionWatch, m_timeoutMs, nullptr,
+                                  session, 0, &ClientLogCallback);
+    if (session->zh == nullptr) {
+      delete session;
+      return nullptr;
+    }
+    return std::shared_ptr<Session>(session, [this](Session* s) { Retire(s); });
+  }
+
+  // The last user of a session let it go: close it on the worker, never on a
+  // client callback thread.
+  void Retire(Session* session) {
+    Post([session] {
+      zookeeper_close(session->zh);
+      delete session;
+    });
+  }
+
+  void Post(std::function<void()> job) {
+    {
+      std::lock_guard<std::mutex> lock(m_workMutex);
+      m_jobs.push_back(std::move(job));
+    }
+    m_workCv.notify_all();
+  }
+
+  void RunWorker() {
+    for (;;) {
+      std::function<void()> job;
+      {
+        std::unique_lock<std::mutex> lock(m_workMutex);
+        m_workCv.wait(lock, [this] { return m_stopping || !m_jobs.empty(); });
+        if (m_jobs.empty()) return;
+        job = std::move(m_jobs.front());
+        m_jobs.pop_front();
+      }
+      job();
+    }
+  }
+
+  // Replaces the expired session with a new one, unless that already happened
+  // or the connection is closing.
+  void Reopen(const Session* expired) {
+    for (;;) {
+      std::shared_ptr<Session> old;
+      {
+        std::lock_guard<std::mutex> lock(m_sessionMutex);
+        if (m_closing || m_current.get() != expired) return;
+        if (auto fresh = Open()) {
+          old = std::exchange(m_current, std::move(fresh));
+          QXLOG(g_log, QXLOG_INFO) << "Opening a new ZooKeeper session after expiry";
+          return;
+        }
+      }
+      QXLOG(g_log, QXLOG_ERROR) << "Failed to open a new ZooKeeper session; retrying in 1 s";
+      std::unique_lock<std::mutex> lock(m_workMutex);
+      if (m_workCv.wait_for(lock, std::chrono::seconds(1), [this] { return m_stopping; })) return;
+    }
+  }
+
+  static void OnSessionWatch(zhandle_t*, int type, int state, const char* path, void* context) {
+    if (type != ZOO_SESSION_EVENT) return;
+    EventThreadScope scope;
+    auto* session = static_cast<Session*>(context);
+    session->impl->OnSessionEvent(*session, state, path ? path : "");
+  }
+
+  void OnSessionEvent(Session& session, int state, const String& path) {
+    bool current;
+    clientid_t id{};
+    {
+      std::lock_guard<std::mutex> lock(m_sessionMutex);
+      if (state == ZOO_CONNECTED_STATE && !session.connected) {
+        session.connected = true;
+        m_connectedCv.notify_all();
+      }
+      current = !m_closing && m_current.get() == &session;
+      if (current) id = *zoo_client_id(session.zh);
+    }
+    if (!current) return;
+
+    const logging::LogLevel level = state == ZOO_CONNECTED_STATE ? QXLOG_INFO : QXLOG_WARNING;
+    QXLOG(g_log, level) << "ZooKeeper session " << SessionIdText(id) << " " << StateName(state);
+    if (state == ZOO_EXPIRED_SESSION_STATE) ExpireWatches(&session);
+    m_self.Notify([&](ConnectionObserver& observer) {
+      try {
+        observer.OnSessionEvent(ZOO_SESSION_EVENT, state, path);
+      } catch (const std::exception& e) {
+        QXLOG(g_log, QXLOG_ERROR) << "Session observer failed: " << e.what();
+      } catch (...) {
+        QXLOG(g_log, QXLOG_ERROR) << "Session observer failed";
+      }
+    });
+    if (state == ZOO_EXPIRED_SESSION_STATE) Post([this, expired = &session] { Reopen(expired); });
+  }
+
+  static void OnPathWatch(zhandle_t* zh, int type, int state, const char* path, void* context) {
+    // Session events reach every path watcher too; they do not use the watch
+    // up, and an expiry is delivered to pending watches by the session watcher.
+    if (type == ZOO_SESSION_EVENT) return;
+    auto* session = static_cast<const Session*>(zoo_get_context(zh));
+    auto watch = session->impl->TakeWatch(reinterpret_cast<uintptr_t>(context));
+    if (!watch.ctx) return;
+    EventThreadScope scope;
+    watch.ctx->Invoke(type, state, path ? path : watch.path);
+  }
+
+  std::uint64_t AddWatch(std::shared_ptr<WatchContext> ctx, const Session* session,
+                         const String& path) {
+    std::lock_guard<std::mutex> lock(m_watchMutex);
+    if (m_pending.size() >= m_pruneAt) {
+      // Cancelled watches stay registered with the client until their node
+      // changes; forget them here, so that the registry stays small.
+      for (auto it = m_pending.begin(); it != m_pending.end();) {
+        std::lock_guard<std::mutex> ctxLock(it->second.ctx->m_mtx);
+        it = it->second.ctx->m_valid ? std::next(it) : m_pending.erase(it);
+      }
+      m_pruneAt = std::max<std::size_t>(kMinPrune, 2 * m_pending.size());
+    }
+    const std::uint64_t id = m_nextWatchId++;
+    m_pending.emplace(id, PendingWatch{std::move(ctx), session, path});
+    return id;
+  }
+
+  PendingWatch TakeWatch(std::uint64_t id) {
+    std::lock_guard<std::mutex> lock(m_watchMutex);
+    auto it = m_pending.find(id);
+    if (it == m_pending.end() || m_closing) return {};
+    PendingWatch watch = std::move(it->second);
+    m_pending.erase(it);
+    return watch;
+  }
+
+  void ExpireWatches(const Session* session) {
+    std::vector<PendingWatch> expired;
+    {
+      std::lock_guard<std::mutex> lock(m_watchMutex);
+      for (auto it = m_pending.begin(); it != m_pending.end();) {
+        if (it->second.session != session) {
+          ++it;
+          continue;
+        }
+        expired.push_back(std::move(it->second));
+        it = m_pending.erase(it);
+      }
+    }
+    for (auto& watch : expired) {
+      watch.ctx->Invoke(ZOO_SESSION_EVENT, ZOO_EXPIRED_SESSION_STATE, watch.path);
+    }
+  }
+
+  static constexpr std::size_t kMinPrune = 64;
+
+  Connection& m_self;
+  const String m_hosts;
+  const int m_timeoutMs;
+
+  mutable std::mutex m_sessionMutex;
+  std::condition_variable m_connectedCv;
+  std::shared_ptr<Session> m_current;
+  std::atomic<bool> m_closing{false};
+
+  std::mutex m_watchMutex;
+  std::unordered_map<std::uint64_t, PendingWatch> m_pending;
+  std::uint64_t m_nextWatchId = 1;
+  std::size_t m_pruneAt = kMinPrune;
+
+  std::atomic<bool> m_hasInjector{false};
+  mutable std::mutex m_injectorMutex;
+  FaultInjector m_injector;
+
+  std::mutex m_workMutex;
+  std::condition_variable m_workCv;
+  std::deque<std::function<void()>> m_jobs;
+  bool m_stopping = false;
+  std::thread m_worker;  // last: started once everything else exists
+};
+
+// ---- Connection -------------------------------------------------------------------
+
+namespace {
+
+// Values are read into a buffer of at least this size, so that a typical
+// value takes one round trip even when the caller's string is short.
+constexpr std::size_t kReadBuffer = 4096;
+// A value that keeps growing between the reads of one Get gives up after this.
+constexpr int kMaxGetAttempts = 8;
+// Bytes of delete requests sent in one atomic batch.
+constexpr std::size_t kDeleteBatchBytes = 256 * 1024;
+
+struct GetResult {
+  int rc;
+  bool watchSet;
+};
+
+GetResult ReadValue(zhandle_t* zh, const String& path, String& data, watcher_fn watcher,
+                    void* watcherCtx, Stat* statOut) {
+  const std::size_t sizeOnEntry = data.size();
+  if (data.size() < kReadBuffer) data.resize(kReadBuffer);
+  Stat stat{};
+  int length = static_cast<int>(data.size());
+  int rc = zoo_wget(zh, path.c_str(), watcher, watcherCtx, data.data(), &length, &stat);
+  const bool watchSet = watcher != nullptr && rc == ZOK;
+  // The client truncates silently: read again until the buffer holds it all.
+  for (int attempt = 1; rc == ZOK && stat.dataLength > length; ++attempt) {
+    if (attempt == kMaxGetAttempts) {
+      rc = ZOPERATIONTIMEOUT;
+      break;
+    }
+    data.resize(static_cast<std::size_t>(stat.dataLength));
+    length = static_cast<int>(data.size());
+    rc = zoo_get(zh, path.c_str(), 0, data.data(), &length, &stat);
+  }
+  if (rc != ZOK) {
+    data.resize(sizeOnEntry);
+    return {rc, watchSet};
+  }
+  data.resize(length < 0 ? 0 : static_cast<std::size_t>(length));
+  if (statOut != nullptr) *statOut = stat;
+  return {rc, watchSet};
+}
+
+void AppendNames(const String_vector& names, std::vector<String>& out) {
+  for (int i = 0; i < names.count; ++i) out.emplace_back(names.data[i]);
+}
+
+}  // namespace
+
+Connection::Connection(String hosts, std::chrono::milliseconds sessionTimeout)
+    : m_impl(std::make_unique<Impl>(*this, std::move(hosts), sessionTimeout)) {
+  m_impl->Connect(sessionTimeout);
+}
+
+Connection::~Connection() {
+  if (t_onEventThread) {
+    // The last owner let go inside one of our callbacks: closing the handle
+    // here would join the thread we run on. Close it from a thread of its own.
+    m_impl->Detach();
+    std::thread([impl = std::move(m_impl)]() mutable { impl.reset(); }).detach();
+  }
+}
+
+clientid_t Connection::ClientId() const { return *zoo_client_id(m_impl->Current()->zh); }
+
+std::chrono::milliseconds Connection::SessionTimeout() const {
+  return std::chrono::milliseconds(zoo_recv_timeout(m_impl->Current()->zh));
+}
+
+int Connection::State() const { return zoo_state(m_impl->Current()->zh); }
+
+int Connection::Create(String path, const String& data, const ACL_vector& acl, int flags,
+                       String* createdPath) const {
+  if (auto rc = m_impl->Injected(Operation::Create, path)) return *rc;
+  if (data.size() > kMaxDataSize) return ZBADARGUMENTS;
+  const auto session = m_impl->Current();
+  if (createdPath == nullptr) {
+    return zoo_create(session->zh, path.c_str(), data.data(), static_cast<int>(data.size()), &acl,
+                      flags, nullptr, 0);
+  }
+  String created(path.size() + 16, '\0');  // room for a sequence suffix
+  const int rc = zoo_create(session->zh, path.c_str(), data.data(), static_cast<int>(data.size()),
+                            &acl, flags, created.data(), static_cast<int>(created.size()));
+  if (rc == ZOK) *createdPath = created.c_str();
+  return rc;
+}
+
+int Connection::Set(String path, const String& data, int version) const {
+  if (auto rc = m_impl->Injected(Operation::Set, path)) return *rc;
+  if (data.size() > kMaxDataSize) return ZBADARGUMENTS;
+  return zoo_set(m_impl->Current()->zh, path.c_str(), data.data(), static_cast<int>(data.size()),
+                 version);
+}
+
+int Connection::Get(String path, String& data, Stat* stat) const {
+  if (auto rc = m_impl->Injected(Operation::Get, path)) return *rc;
+  return ReadValue(m_impl->Current()->zh, path, data, nullptr, nullptr, stat).rc;
+}
+
+std::pair<int, Connection::WatchHandle> Connection::Get(String path, String& data,
+                                                        WatchFunction watch, Stat* stat) const {
+  if (auto rc = m_impl->Injected(Operation::Get, path)) return {*rc, WatchHandle()};
+  return m_impl->Watched(path, std::move(watch), [&](zhandle_t* zh, watcher_fn fn, void* ctx) {
+    const GetResult result = ReadValue(zh, path, data, fn, ctx, stat);
+    return std::pair<int, bool>(result.rc, result.watchSet);
+  });
+}
+
+int Connection::Exists(String path, Stat* stat) const {
+  if (auto rc = m_impl->Injected(Operation::Exists, path)) return *rc;
+  Stat local{};
+  return zoo_exists(m_impl->Current()->zh, path.c_str(), 0, stat ? stat : &local);
+}
+
+std::pair<int, Connection::WatchHandle> Connection::Exists(String path, WatchFunction watch,
+                                                           Stat* stat) const {
+  if (auto rc = m_impl->Injected(Operation::Exists, path)) return {*rc, WatchHandle()};
+  return m_impl->Watched(path, std::move(watch), [&](zhandle_t* zh, watcher_fn fn, void* ctx) {
+    Stat local{};
+    const int rc = zoo_wexists(zh, path.c_str(), fn, ctx, stat ? stat : &local);
+    return std::pair<int, bool>(rc, rc == ZOK || rc == ZNONODE);
+  });
+}
+
+int Connection::GetChildren(String path, std::vector<String>& children) const {
+  if (auto rc = m_impl->Injected(Operation::GetChildren, path)) return *rc;
+  String_vector names{};
+  const int rc = zoo_get_children(m_impl->Current()->zh, path.c_str(), 0, &names);
+  if (rc == ZOK) AppendNames(names, children);
+  deallocate_String_vector(&names);
+  return rc;
+}
+
+std::pair<int, Connection::WatchHandle> Connection::GetChildren(String path,
+                                                                std::vector<String>& children,
+                                                                WatchFunction watch) const {
+  if (auto rc = m_impl->Injected(Operation::GetChildren, path)) return {*rc, WatchHandle()};
+  return m_impl->Watched(path, std::move(watch), [&](zhandle_t* zh, watcher_fn fn, void* ctx) {
+    String_vector names{};
+    const int rc = zoo_wget_children(zh, path.c_str(), fn, ctx, &names);
+    if (rc == ZOK) AppendNames(names, children);
+    deallocate_String_vector(&names);
+    return std::pair<int, bool>(rc, rc == ZOK);
+  });
+}
+
+int Connection::Delete(String path, int version) const {
+  if (auto rc = m_impl->Injected(Operation::Delete, path)) return *rc;
+  return zoo_delete(m_impl->Current()->zh, path.c_str(), version);
+}
+
+std::vector<int> Connection::CreateAll(const std::vector<CreateRequest>& requests,
+                                       const ACL_vector& acl) const {
+  std::vector<int> results(requests.size(), ZOK);
+  if (t_onEventThread) {
+    for (std::size_t i = 0; i < requests.size(); ++i) {
+      results[i] = Create(requests[i].path, requests[i].data, acl, requests[i].flags, nullptr);
+    }
+    return results;
+  }
+  struct Slot {
+    int* rc;
+    Latch* latch;
+  };
+  Latch latch(requests.size());
+  std::vector<Slot> slots(requests.size());
+  const auto session = m_impl->Current();
+  for (std::size_t i = 0; i < requests.size(); ++i) {
+    const CreateRequest& request = requests[i];
+    slots[i] = {&results[i], &latch};
+    int rc = ZOK;
+    if (auto injected = m_impl->Injected(Operation::Create, request.path)) {
+      rc = *injected;
+    } else if (request.data.size() > kMaxDataSize) {
+      rc = ZBADARGUMENTS;
+    } else {
+      rc = zoo_acreate(
+          session->zh, request.path.c_str(), request.data.data(),
+          static_cast<int>(request.data.size()), &acl, request.flags,
+          [](int code, const char*, const void* data) {
+            auto* slot = static_cast<const Slot*>(data);
+            *slot->rc = code;
+            slot->latch->CountDown();
+          },
+          &slots[i]);
+      if (rc == ZOK) continue;
+    }
+    results[i] = rc;
+    latch.CountDown();
+  }
+  latch.Wait();
+  return results;
+}
+
+std::vector<int> Connection::GetChildrenAll(const std::vector<String>& paths,
+                                            std::vector<std::vector<String>>& children) const {
+  std::vector<int> results(paths.size(), ZOK);
+  children.assign(paths.size(), {});
+  if (t_onEventThread) {
+    for (std::size_t i = 0; i < paths.size(); ++i) results[i] = GetChildren(paths[i], children[i]);
+    return results;
+  }
+  struct Slot {
+    int* rc;
+    std::vector<String>* names;
+    Latch* latch;
+  };
+  Latch latch(paths.size());
+  std::vector<Slot> slots(paths.size());
+  const auto session = m_impl->Current();
+  for (std::size_t i = 0; i < paths.size(); ++i) {
+    slots[i] = {&results[i], &children[i], &latch};
+    int rc = ZOK;
+    if (auto injected = m_impl->Injected(Operation::GetChildren, paths[i])) {
+      rc = *injected;
+    } else {
+      rc = zoo_aget_children(
+          session->zh, paths[i].c_str(), 0,
+          [](int code, const String_vector* names, const void* data) {
+            auto* slot = static_cast<const Slot*>(data);
+            *slot->rc = code;
+            if (code == ZOK && names != nullptr) AppendNames(*names, *slot->names);
+            slot->latch->CountDown();
+          },
+          &slots[i]);
+      if (rc == ZOK) continue;
+    }
+    results[i] = rc;
+    latch.CountDown();
+  }
+  latch.Wait();
+  return results;
+}
+
+int Connection::DeleteAll(const std::vector<String>& paths) const {
+  const auto deleteOneByOne = [this, &paths](std::size_t begin, std::size_t end) {
+    for (std::size_t i = begin; i < end; ++i) {
+      const int rc = Delete(paths[i], -1);
+      if (rc != ZOK && rc != ZNONODE) return rc;
+    }
+    return static_cast<int>(ZOK);
+  };
+  if (m_impl->HasInjector()) return deleteOneByOne(0, paths.size());
+
+  const auto session = m_impl->Current();
+  for (std::size_t begin = 0; begin < paths.size();) {
+    std::size_t end = begin;
+    for (std::size_t bytes = 0; end < paths.size() && bytes < kDeleteBatchBytes; ++end) {
+      bytes += paths[end].size() + 32;
+    }
+    std::vector<zoo_op_t> ops(end - begin);
+    std::vector<zoo_op_result_t> results(end - begin);
+    for (std::size_t i = begin; i < end; ++i) {
+      zoo_delete_op_init(&ops[i - begin], paths[i].c_str(), -1);
+    }
+    const int rc = zoo_multi(session->zh, static_cast<int>(ops.size()), ops.data(), results.data());
+    if (IsSessionFailure(rc)) return rc;
+    // A batch is all or nothing: when one node of it was already gone or got
+    // a new child, delete its nodes one by one to learn which.
+    if (rc != ZOK) {
+      if (const int failed = deleteOneByOne(begin, end); failed != ZOK) return failed;
+    }
+    begin = end;
+  }
+  return ZOK;
+}
+
+void Connection::SetFaultInjector(FaultInjector injector) {
+  m_impl->SetFaultInjector(std::move(injector));
+}
+
+}  // namespace qx::korvel

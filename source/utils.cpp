@@ -1,0 +1,137 @@
+#include "korvel/utils.h"
+
+#include <thread>
+
+#include "korvel/error.h"
+#include "logger/logger.h"
+
+namespace qx::korvel {
+namespace {
+
+using logging::QXLOG_ERROR;
+
+const logging::ConstSourcePtr g_log = logging::MakeSource("korvel.utils");
+
+// A subtree that keeps gaining children while it is deleted is given up after
+// this many passes.
+constexpr int kDeletePasses = 3;
+// How often EnsurePath looks whether another session's node has gone.
+constexpr auto kOwnerPollInterval = std::chrono::milliseconds(20);
+
+bool IsAbsoluteNormalised(const String& path) {
+  if (path.empty() || path.front() != '/') return false;
+  if (path.size() > 1 && path.back() == '/') return false;
+  return path.find("//") == String::npos;
+}
+
+void RequireAbsolute(const String& path, bool allowRoot) {
+  if (IsAbsoluteNormalised(path) && (allowRoot || path != "/")) return;
+  QXLOG(g_log, QXLOG_ERROR) << "Invalid path '" << path << "'";
+  throw KorvelError("Invalid path");
+}
+
+[[noreturn]] void FailEnsure(const String& path, const String& why) {
+  QXLOG(g_log, QXLOG_ERROR) << "Failed to ensure path '" << path << "': " << why;
+  throw KorvelError("Failed to ensure path");
+}
+
+// Creates the node, and its missing ancestors when the parent is missing.
+int CreateWithAncestors(const Connection& conn, const String& path, int flags,
+                        const ACL_vector& acl) {
+  int rc = conn.Create(path, String(), acl, flags, nullptr);
+  if (rc != ZNONODE) return rc;
+  std::vector<Connection::CreateRequest> levels;
+  for (std::size_t slash = path.find('/', 1); slash != String::npos;
+       slash = path.find('/', slash + 1)) {
+    levels.push_back({path.substr(0, slash), String(), 0});
+  }
+  levels.push_back({path, String(), flags});
+  const std::vector<int> results = conn.CreateAll(levels, acl);
+  for (std::size_t i = 0; i + 1 < results.size(); ++i) {
+    if (results[i] != ZOK && results[i] != ZNODEEXISTS) return results[i];
+  }
+  return results.back();
+}
+
+// An ephemeral node that exists already may still be one of an expired
+// session of ours, which the server is about to delete: wait until it is
+// gone and make it again, so that it lives as long as this session.
+void ClaimEphemeral(const Connection& conn, const String& path, const ACL_vector& acl) {
+  const auto deadline = std::chrono::steady_clock::now() + conn.SessionTimeout();
+  for (;;) {
+    Stat stat{};
+    int rc = conn.Exists(path, &stat);
+    if (rc == ZOK) {
+      const std::int64_t owner = stat.ephemeralOwner;
+      if (owner == 0 || owner == conn.ClientId().client_id) return;
+      if (std::chrono::steady_clock::now() >= deadline) {
+        FailEnsure(path, "the node belongs to another live session");
+      }
+      std::this_thread::sleep_for(kOwnerPollInterval);
+      continue;
+    }
+    if (rc == ZNONODE) rc = conn.Create(path, String(), acl, ZOO_EPHEMERAL, nullptr);
+    if (rc != ZOK && rc != ZNODEEXISTS) FailEnsure(path, zerror(rc));
+    if (rc == ZOK) return;
+  }
+}
+
+}  // namespace
+
+String NormalizePath(String path) {
+  String normal;
+  normal.reserve(path.size());
+  for (char c : path) {
+    if (c == '/' && (normal.empty() || normal.back() == '/')) continue;
+    normal.push_back(c);
+  }
+  if (!normal.empty() && normal.back() == '/') normal.pop_back();
+  return normal;
+}
+
+void EnsurePath(const Connection& conn, String path, bool ephemeral, const ACL_vector& acl) {
+  RequireAbsolute(path, true);
+  if (path == "/") return;
+  const int rc = CreateWithAncestors(conn, path, ephemeral ? ZOO_EPHEMERAL : 0, acl);
+  if (rc == ZOK) return;
+  if (rc != ZNODEEXISTS) FailEnsure(path, zerror(rc));
+  if (ephemeral) ClaimEphemeral(conn, path, acl);
+}
+
+void RecursiveDelete(const Connection& conn, const String& path) {
+  RequireAbsolute(path, false);
+  int rc = ZOK;
+  for (int pass = 0; pass < kDeletePasses; ++pass) {
+    // Each level's listings are in flight together.
+    std::vector<std::vector<String>> levels{{path}};
+    while (rc == ZOK && !levels.back().empty()) {
+      const std::vector<String>& level = levels.back();
+      std::vector<std::vector<String>> children;
+      const std::vector<int> codes = conn.GetChildrenAll(level, children);
+      std::vector<String> next;
+      for (std::size_t i = 0; i < level.size(); ++i) {
+        if (codes[i] == ZOK) {
+          for (const String& child : children[i]) next.push_back(level[i] + "/" + child);
+        } else if (codes[i] != ZNONODE) {
+          rc = codes[i];
+        }
+      }
+      levels.push_back(std::move(next));
+    }
+    if (rc == ZOK) {
+      std::vector<String> deepestFirst;
+      for (auto level = levels.rbegin(); level != levels.rend(); ++level) {
+        deepestFirst.insert(deepestFirst.end(), level->begin(), level->end());
+      }
+      rc = conn.DeleteAll(deepestFirst);
+    }
+    if (rc == ZOK) return;
+    // A node gained a child after it was listed: list again.
+    if (rc != ZNOTEMPTY || pass + 1 == kDeletePasses) break;
+    rc = ZOK;
+  }
+  QXLOG(g_log, QXLOG_ERROR) << "Failed to delete '" << path << "': " << zerror(rc);
+  throw KorvelError("Failed to delete node");
+}
+
+}  // namespace qx::korvel

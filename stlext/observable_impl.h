@@ -1,0 +1,82 @@
+// A registry of observers, held strongly or weakly, that can be notified from
+// any thread. Registration, removal and notification are thread-safe; the
+// observers are called without the registry's lock held, so an observer may
+// register or remove observers while it is being notified.
+#pragma once
+
+#include <algorithm>
+#include <memory>
+#include <mutex>
+#include <vector>
+
+namespace qx {
+
+template <typename Observer>
+class ObservableImpl {
+ public:
+  virtual ~ObservableImpl() = default;
+
+  // Adds `observer` by weak reference: the registry never keeps it alive, and
+  // an observer destroyed without being removed is skipped by `Notify`. An
+  // expired or empty pointer registers nothing. Registering one observer twice
+  // gives two entries. Throws std::system_error if the lock cannot be taken.
+  virtual void RegisterWeak(std::weak_ptr<Observer> observer) {
+    auto strong = observer.lock();
+    if (!strong) return;
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_weakObservers.push_back(std::move(observer));
+    m_observers.emplace_back();
+  }
+
+  // Adds `observer` by strong reference: the registry keeps it alive until it
+  // is removed or the registry is destroyed. An empty pointer registers nothing.
+  virtual void Register(std::shared_ptr<Observer> observer) {
+    if (!observer) return;
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_weakObservers.push_back(observer);
+    m_observers.push_back(std::move(observer));
+  }
+
+  // Removes every entry of `observer`, strong or weak. A notification already
+  // under way may still reach it.
+  virtual void Unregister(const Observer* observer) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    for (std::size_t i = m_weakObservers.size(); i-- > 0;) {
+      auto strong = m_weakObservers[i].lock();
+      if (!strong || strong.get() == observer) Erase(i);
+    }
+  }
+
+ protected:
+  // Calls `notify(observer)` for each live observer in registration order, on
+  // the calling thread, without the lock held. Expired entries are dropped.
+  template <typename F>
+  void Notify(F&& notify) {
+    std::vector<std::shared_ptr<Observer>> live;
+    {
+      std::lock_guard<std::mutex> lock(m_mutex);
+      for (std::size_t i = m_weakObservers.size(); i-- > 0;) {
+        if (m_weakObservers[i].expired()) Erase(i);
+      }
+      live.reserve(m_weakObservers.size());
+      for (const auto& weak : m_weakObservers) {
+        if (auto strong = weak.lock()) live.push_back(std::move(strong));
+      }
+    }
+    for (const auto& observer : live) notify(*observer);
+  }
+
+  std::mutex m_mutex;
+  // Parallel lists: entry i of both belongs to one registration; a weak
+  // registration has a null strong entry.
+  std::vector<std::shared_ptr<Observer>> m_observers;
+  std::vector<std::weak_ptr<Observer>> m_weakObservers;
+
+ private:
+  void Erase(std::size_t i) {
+    m_observers.erase(m_observers.begin() + static_cast<std::ptrdiff_t>(i));
+    m_weakObservers.erase(m_weakObservers.begin() + static_cast<std::ptrdiff_t>(i));
+  }
+};
+
+}  // namespace qx
