@@ -8,7 +8,7 @@
 #include <cstring>
 #include <deque>
 #include <thread>
-#include <unordered_map>
+#include <map>
 
 #include "korvel/error.h"
 #include "logger/logger.h"
@@ -27,8 +27,9 @@ const logging::ConstSourcePtr g_clientLog = logging::MakeSource("zookeeper.clien
 // ---- The C client's own log lines --------------------------------------------
 
 // The client logs every failed connection attempt while a server is away;
-// beyond this many lines a second the rest are counted and summarised.
-constexpr int kClientLinesPerSecond = 20;
+// beyond this many warnings and errors a second the rest are counted and
+// summarised.
+constexpr int kClientWarningsPerSecond = 20;
 
 void RouteClientLine(const char* text, std::size_t length) {
   while (length > 0 && (text[length - 1] == '\n' || text[length - 1] == '\r')) --length;
@@ -51,6 +52,10 @@ void RouteClientLine(const char* text, std::size_t length) {
     }
   }
   if (!logging::IsLogged(level)) return;
+  if (level < QXLOG_WARNING) {
+    QXLOG(g_clientLog, level) << message;
+    return;
+  }
 
   static std::mutex mutex;
   static auto windowStart = std::chrono::steady_clock::now();
@@ -65,7 +70,7 @@ void RouteClientLine(const char* text, std::size_t length) {
       linesInWindow = 0;
       reportSuppressed = std::exchange(suppressed, 0);
     }
-    if (++linesInWindow > kClientLinesPerSecond) {
+    if (++linesInWindow > kClientWarningsPerSecond) {
       ++suppressed;
       return;
     }
@@ -90,9 +95,10 @@ ssize_t ClientLogStreamWrite(void*, const char* buffer, std::size_t size) {
   return static_cast<ssize_t>(size);
 }
 
+// The client's informational lines (a dozen per connection) are wanted only
+// when debugging.
 ZooLogLevel ClientLevelFor(logging::LogLevel level) {
   if (level <= QXLOG_DEBUG) return ZOO_LOG_LEVEL_DEBUG;
-  if (level < QXLOG_WARNING) return ZOO_LOG_LEVEL_INFO;
   if (level < QXLOG_ERROR) return ZOO_LOG_LEVEL_WARN;
   return ZOO_LOG_LEVEL_ERROR;
 }
@@ -500,7 +506,7 @@ class Connection::Impl {
   std::atomic<bool> m_closing{false};
 
   std::mutex m_watchMutex;
-  std::unordered_map<std::uint64_t, PendingWatch> m_pending;
+  std::map<std::uint64_t, PendingWatch> m_pending;  // by id: registration order
   std::uint64_t m_nextWatchId = 1;
   std::size_t m_pruneAt = kMinPrune;
 

@@ -429,6 +429,8 @@ namespace {
 struct SessionWatch {
   std::mutex mu;
   std::condition_variable cv;
+  bool connected = false;  // Sticky: the state may move on before the waiter looks.
+  bool expired = false;
   int state = 0;
 };
 
@@ -438,6 +440,8 @@ void SessionWatcher(zhandle_t*, int type, int state, const char*, void* context)
   {
     std::lock_guard<std::mutex> lock(watch->mu);
     watch->state = state;
+    watch->connected |= state == ZOO_CONNECTED_STATE;
+    watch->expired |= state == ZOO_EXPIRED_SESSION_STATE;
   }
   watch->cv.notify_all();
 }
@@ -446,28 +450,39 @@ void DiscardLog(const char*) {}
 
 }  // namespace
 
+// The server kicks the older connection when a second one attaches to a session, and the owner
+// reconnects within milliseconds, kicking the duplicate in turn. So the duplicate may already be
+// disconnected when it is closed, and then its close never reaches the server. Hence: repeat with
+// fresh duplicates until one of them is told that the session has expired.
 void ExpireSession(const std::string& hosts, const clientid_t& id, milliseconds timeout) {
-  SessionWatch watch;
-  // zookeeper_init2's per-handle log callback keeps this handle's chatter off stderr without
-  // touching the client library's global log settings.
-  zhandle_t* zh = zookeeper_init2(hosts.c_str(), SessionWatcher, static_cast<int>(timeout.count()),
-                                  &id, &watch, 0, DiscardLog);
-  if (zh == nullptr) throw std::runtime_error(ErrnoText("ExpireSession: zookeeper_init2"));
-  int state = 0;
-  {
-    std::unique_lock<std::mutex> lock(watch.mu);
-    watch.cv.wait_for(lock, timeout, [&] {
-      return watch.state == ZOO_CONNECTED_STATE || watch.state == ZOO_EXPIRED_SESSION_STATE ||
-             watch.state == ZOO_AUTH_FAILED_STATE;
-    });
-    state = watch.state;
-  }
-  zookeeper_close(zh);  // Closing the connected duplicate ends the session on the server.
-  if (state != ZOO_CONNECTED_STATE) {
+  const auto deadline = Clock::now() + timeout;
+  for (int round = 0;; ++round) {
+    SessionWatch watch;
+    // zookeeper_init2's per-handle log callback keeps this handle's chatter off stderr without
+    // touching the client library's global log settings.
+    zhandle_t* zh = zookeeper_init2(hosts.c_str(), SessionWatcher,
+                                    static_cast<int>(timeout.count()), &id, &watch, 0, DiscardLog);
+    if (zh == nullptr) throw std::runtime_error(ErrnoText("ExpireSession: zookeeper_init2"));
+    bool connected = false;
+    bool expired = false;
+    int state = 0;
+    {
+      std::unique_lock<std::mutex> lock(watch.mu);
+      watch.cv.wait_until(lock, deadline, [&] {
+        return watch.connected || watch.expired || watch.state == ZOO_AUTH_FAILED_STATE;
+      });
+      connected = watch.connected;
+      expired = watch.expired;
+      state = watch.state;
+    }
+    zookeeper_close(zh);  // Ends the session on the server if this handle is still attached.
+    if (expired && (connected || round > 0)) return;
+    if (connected) continue;  // Attached; its close may or may not have ended the session.
     std::ostringstream msg;
-    msg << "ExpireSession: second handle for session 0x" << std::hex << id.client_id
-        << std::dec << " did not connect to " << hosts << " within " << timeout.count()
-        << " ms (last state " << state << ")";
+    msg << "ExpireSession: session 0x" << std::hex << id.client_id << std::dec << " on " << hosts
+        << (round == 0 ? ": second handle did not connect" : ": not expired")
+        << " within " << timeout.count() << " ms (round " << round << ", last state " << state
+        << ")";
     throw std::runtime_error(msg.str());
   }
 }

@@ -1,0 +1,467 @@
+// The Connection against a real standalone server: node operations, whole
+// reads, oversized values, watches and their cancellation, closing.
+#include "korvel/connection_v2.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <future>
+#include <thread>
+
+#include "korvel/error.h"
+#include "util/test_util.h"
+
+namespace korvel::test {
+namespace {
+
+using qx::korvel::Connection;
+using qx::korvel::KorvelError;
+
+class ConnectionTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    conn = Connect(SharedServer().ConnectString());
+    base = "/" + UniqueName("conn");
+    ASSERT_EQ(ZOK, conn->Create(base, "", ZOO_OPEN_ACL_UNSAFE, 0, nullptr));
+  }
+
+  std::shared_ptr<Connection> conn;
+  std::string base;
+};
+
+// Counts watch events and lets a test wait for them.
+struct EventLog {
+  std::mutex mutex;
+  std::condition_variable cv;
+  std::vector<std::tuple<int, int, std::string>> events;
+
+  qx::korvel::WatchFunction Callback() {
+    return [this](int type, int state, std::string path) {
+      std::lock_guard<std::mutex> lock(mutex);
+      events.emplace_back(type, state, std::move(path));
+      cv.notify_all();
+    };
+  }
+  bool WaitFor(std::size_t count, std::chrono::milliseconds timeout = 5000ms) {
+    std::unique_lock<std::mutex> lock(mutex);
+    return cv.wait_for(lock, timeout, [&] { return events.size() >= count; });
+  }
+  std::size_t Count() {
+    std::lock_guard<std::mutex> lock(mutex);
+    return events.size();
+  }
+};
+
+TEST_F(ConnectionTest, ConnectsWithASession) {
+  EXPECT_NE(0, conn->ClientId().client_id);
+  EXPECT_EQ(ZOO_CONNECTED_STATE, conn->State());
+  EXPECT_EQ(4000ms, conn->SessionTimeout());
+}
+
+TEST_F(ConnectionTest, NoServerFailsWithinTheTimeout) {
+  const std::string hosts = "127.0.0.1:" + std::to_string(FreeLoopbackPort());
+  LogCapture capture;
+  const auto start = std::chrono::steady_clock::now();
+  try {
+    Connection unreachable(hosts, 800ms);
+    FAIL() << "connected to nothing";
+  } catch (const KorvelError& e) {
+    EXPECT_STREQ("Failed to connect to ZooKeeper", e.what());
+  }
+  EXPECT_LT(std::chrono::steady_clock::now() - start, 3s);
+}
+
+TEST_F(ConnectionTest, EmptyConnectStringIsRefused) {
+  LogCapture capture;
+  EXPECT_THROW(Connection("", 1000ms), KorvelError);
+}
+
+TEST_F(ConnectionTest, NodeOperationsReturnTheServersCodes) {
+  const std::string node = base + "/n";
+  EXPECT_EQ(ZNONODE, conn->Exists(node, nullptr));
+  EXPECT_EQ(ZOK, conn->Create(node, "v1", ZOO_OPEN_ACL_UNSAFE, 0, nullptr));
+  EXPECT_EQ(ZNODEEXISTS, conn->Create(node, "v1", ZOO_OPEN_ACL_UNSAFE, 0, nullptr));
+  EXPECT_EQ(ZNONODE, conn->Create(base + "/missing/n", "", ZOO_OPEN_ACL_UNSAFE, 0, nullptr));
+  EXPECT_EQ(ZOK, conn->Exists(node, nullptr));
+
+  std::string value;
+  EXPECT_EQ(ZOK, conn->Get(node, value, nullptr));
+  EXPECT_EQ("v1", value);
+  EXPECT_EQ(ZOK, conn->Set(node, "value two", -1));
+  Stat stat{};
+  EXPECT_EQ(ZOK, conn->Get(node, value, &stat));
+  EXPECT_EQ("value two", value);
+  EXPECT_EQ(1, stat.version);
+  EXPECT_EQ(ZBADVERSION, conn->Set(node, "x", 7));
+  EXPECT_EQ(ZNONODE, conn->Set(base + "/missing", "x", -1));
+
+  std::vector<std::string> children;
+  EXPECT_EQ(ZOK, conn->GetChildren(base, children));
+  EXPECT_EQ(std::vector<std::string>{"n"}, children);
+  EXPECT_EQ(ZNONODE, conn->GetChildren(base + "/missing", children));
+
+  EXPECT_EQ(ZNOTEMPTY, conn->Delete(base, -1));
+  EXPECT_EQ(ZOK, conn->Delete(node, -1));
+  EXPECT_EQ(ZNONODE, conn->Delete(node, -1));
+  EXPECT_EQ(ZBADARGUMENTS, conn->Exists(base + "//x", nullptr));
+}
+
+TEST_F(ConnectionTest, CreateReportsTheCreatedName) {
+  std::string created;
+  ASSERT_EQ(ZOK, conn->Create(base + "/seq-", "", ZOO_OPEN_ACL_UNSAFE, ZOO_SEQUENCE, &created));
+  EXPECT_EQ(base + "/seq-0000000000", created);
+}
+
+TEST_F(ConnectionTest, EphemeralNodesBelongToTheSession) {
+  const std::string node = base + "/e";
+  ASSERT_EQ(ZOK, conn->Create(node, "", ZOO_OPEN_ACL_UNSAFE, ZOO_EPHEMERAL, nullptr));
+  EXPECT_EQ(conn->ClientId().client_id, EphemeralOwner(*conn, node));
+}
+
+TEST_F(ConnectionTest, GetReturnsTheWholeValueWhateverTheBufferSize) {
+  const std::string node = base + "/big";
+  std::string big(300 * 1024, '\0');
+  for (std::size_t i = 0; i < big.size(); ++i) big[i] = static_cast<char>('a' + i % 26);
+  ASSERT_EQ(ZOK, conn->Create(node, big, ZOO_OPEN_ACL_UNSAFE, 0, nullptr));
+
+  for (std::size_t entrySize : {0, 22, 4096, 400 * 1024}) {
+    std::string value(entrySize, 'x');
+    Stat stat{};
+    ASSERT_EQ(ZOK, conn->Get(node, value, &stat)) << entrySize;
+    EXPECT_EQ(big.size(), value.size()) << entrySize;
+    EXPECT_TRUE(value == big) << entrySize;
+    EXPECT_EQ(static_cast<int>(big.size()), stat.dataLength);
+  }
+
+  EventLog log;
+  std::string value(22, '\0');
+  auto [rc, handle] = conn->Get(node, value, log.Callback(), nullptr);
+  ASSERT_EQ(ZOK, rc);
+  EXPECT_TRUE(value == big);
+  ASSERT_EQ(ZOK, conn->Set(node, "small", -1));
+  ASSERT_TRUE(log.WaitFor(1));
+}
+
+TEST_F(ConnectionTest, EmptyValuesReadBackEmpty) {
+  const std::string node = base + "/empty";
+  ASSERT_EQ(ZOK, conn->Create(node, "", ZOO_OPEN_ACL_UNSAFE, 0, nullptr));
+  std::string value = "left over";
+  ASSERT_EQ(ZOK, conn->Get(node, value, nullptr));
+  EXPECT_EQ("", value);
+}
+
+TEST_F(ConnectionTest, FailedGetKeepsTheSizeOnEntry) {
+  std::string value(22, '\0');
+  EXPECT_EQ(ZNONODE, conn->Get(base + "/missing", value, nullptr));
+  EXPECT_EQ(22u, value.size());
+}
+
+TEST_F(ConnectionTest, OversizedValuesAreRefusedAndTheConnectionStaysUsable) {
+  const std::string node = base + "/huge";
+  const std::string huge(2 * 1024 * 1024, 'h');
+  const auto session = conn->ClientId().client_id;
+  EXPECT_EQ(ZBADARGUMENTS, conn->Create(node, huge, ZOO_OPEN_ACL_UNSAFE, 0, nullptr));
+  EXPECT_EQ(ZNONODE, conn->Exists(node, nullptr));
+  ASSERT_EQ(ZOK, conn->Create(node, "ok", ZOO_OPEN_ACL_UNSAFE, 0, nullptr));
+  EXPECT_EQ(ZBADARGUMENTS, conn->Set(node, huge, -1));
+  EXPECT_EQ(ZBADARGUMENTS,
+            conn->Set(node, std::string(Connection::kMaxDataSize + 1, 'h'), -1));
+
+  std::string value;
+  EXPECT_EQ(ZOK, conn->Get(node, value, nullptr));
+  EXPECT_EQ("ok", value);
+  EXPECT_EQ(session, conn->ClientId().client_id);
+  EXPECT_EQ(ZOO_CONNECTED_STATE, conn->State());
+
+  // The largest value accepted goes through and reads back whole.
+  const std::string largest(Connection::kMaxDataSize, 'l');
+  ASSERT_EQ(ZOK, conn->Set(node, largest, -1));
+  ASSERT_EQ(ZOK, conn->Get(node, value, nullptr));
+  EXPECT_TRUE(value == largest);
+}
+
+TEST_F(ConnectionTest, DataWatchFiresOnceForAChange) {
+  const std::string node = base + "/w";
+  ASSERT_EQ(ZOK, conn->Create(node, "1", ZOO_OPEN_ACL_UNSAFE, 0, nullptr));
+  EventLog log;
+  std::string value;
+  auto [rc, handle] = conn->Get(node, value, log.Callback(), nullptr);
+  ASSERT_EQ(ZOK, rc);
+  EXPECT_FALSE(handle.Empty());
+  ASSERT_EQ(ZOK, conn->Set(node, "2", -1));
+  ASSERT_TRUE(log.WaitFor(1));
+  ASSERT_EQ(ZOK, conn->Set(node, "3", -1));
+  std::this_thread::sleep_for(300ms);
+  ASSERT_EQ(1u, log.Count());
+  EXPECT_EQ(std::make_tuple(ZOO_CHANGED_EVENT, ZOO_CONNECTED_STATE, node), log.events[0]);
+}
+
+TEST_F(ConnectionTest, ExistsWatchOnAMissingNodeFiresWhenItIsCreated) {
+  const std::string node = base + "/later";
+  EventLog log;
+  auto [rc, handle] = conn->Exists(node, log.Callback(), nullptr);
+  EXPECT_EQ(ZNONODE, rc);
+  EXPECT_FALSE(handle.Empty());
+  ASSERT_EQ(ZOK, conn->Create(node, "", ZOO_OPEN_ACL_UNSAFE, 0, nullptr));
+  ASSERT_TRUE(log.WaitFor(1));
+  EXPECT_EQ(ZOO_CREATED_EVENT, std::get<0>(log.events[0]));
+}
+
+TEST_F(ConnectionTest, ChildWatchFiresForANewChild) {
+  EventLog log;
+  std::vector<std::string> children;
+  auto [rc, handle] = conn->GetChildren(base, children, log.Callback());
+  ASSERT_EQ(ZOK, rc);
+  EXPECT_TRUE(children.empty());
+  ASSERT_EQ(ZOK, conn->Create(base + "/c", "", ZOO_OPEN_ACL_UNSAFE, 0, nullptr));
+  ASSERT_TRUE(log.WaitFor(1));
+  EXPECT_EQ(std::make_tuple(ZOO_CHILD_EVENT, ZOO_CONNECTED_STATE, base), log.events[0]);
+}
+
+TEST_F(ConnectionTest, FailedWatchFormsStillReturnAHandle) {
+  EventLog log;
+  std::string value;
+  auto [getRc, getHandle] = conn->Get(base + "/missing", value, log.Callback(), nullptr);
+  EXPECT_EQ(ZNONODE, getRc);
+  EXPECT_FALSE(getHandle.Empty());
+  std::vector<std::string> children;
+  auto [listRc, listHandle] = conn->GetChildren(base + "/missing", children, log.Callback());
+  EXPECT_EQ(ZNONODE, listRc);
+  EXPECT_FALSE(listHandle.Empty());
+  // Neither set a watch: creating the node calls nothing.
+  ASSERT_EQ(ZOK, conn->Create(base + "/missing", "", ZOO_OPEN_ACL_UNSAFE, 0, nullptr));
+  std::this_thread::sleep_for(300ms);
+  EXPECT_EQ(0u, log.Count());
+}
+
+TEST_F(ConnectionTest, NoCallbackAfterTheHandleIsGone) {
+  const std::string node = base + "/gone";
+  ASSERT_EQ(ZOK, conn->Create(node, "", ZOO_OPEN_ACL_UNSAFE, 0, nullptr));
+  EventLog log;
+  std::string value;
+  {
+    auto [rc, handle] = conn->Get(node, value, log.Callback(), nullptr);
+    ASSERT_EQ(ZOK, rc);
+  }
+  auto [rc, cancelled] = conn->Exists(node, log.Callback(), nullptr);
+  ASSERT_EQ(ZOK, rc);
+  EXPECT_FALSE(cancelled.Cancel(nullptr));  // not running: nothing deferred
+  EXPECT_TRUE(cancelled.Empty());
+  ASSERT_EQ(ZOK, conn->Set(node, "changed", -1));
+  std::this_thread::sleep_for(300ms);
+  EXPECT_EQ(0u, log.Count());
+}
+
+TEST_F(ConnectionTest, EmptyAndMovedFromHandlesDoNothing) {
+  { Connection::WatchHandle empty; }
+  const std::string node = base + "/moved";
+  ASSERT_EQ(ZOK, conn->Create(node, "", ZOO_OPEN_ACL_UNSAFE, 0, nullptr));
+  EventLog log;
+  std::string value;
+  auto [rc, handle] = conn->Get(node, value, log.Callback(), nullptr);
+  ASSERT_EQ(ZOK, rc);
+  Connection::WatchHandle kept(std::move(handle));
+  { Connection::WatchHandle destroyed(std::move(handle)); }  // moved-from twice: empty
+  EXPECT_TRUE(handle.Empty());
+  ASSERT_EQ(ZOK, conn->Set(node, "x", -1));
+  EXPECT_TRUE(log.WaitFor(1));
+}
+
+TEST_F(ConnectionTest, MoveAssignmentCancelsTheOverwrittenWatch) {
+  const std::string first = base + "/first";
+  const std::string second = base + "/second";
+  ASSERT_EQ(ZOK, conn->Create(first, "", ZOO_OPEN_ACL_UNSAFE, 0, nullptr));
+  ASSERT_EQ(ZOK, conn->Create(second, "", ZOO_OPEN_ACL_UNSAFE, 0, nullptr));
+  EventLog firstLog, secondLog;
+  std::string value;
+  auto [rc1, handle] = conn->Get(first, value, firstLog.Callback(), nullptr);
+  auto [rc2, other] = conn->Get(second, value, secondLog.Callback(), nullptr);
+  handle = std::move(other);
+  ASSERT_EQ(ZOK, conn->Set(first, "x", -1));
+  ASSERT_EQ(ZOK, conn->Set(second, "x", -1));
+  EXPECT_TRUE(secondLog.WaitFor(1));
+  std::this_thread::sleep_for(200ms);
+  EXPECT_EQ(0u, firstLog.Count());
+}
+
+// A callback that is running when its handle is destroyed finishes; no
+// completion runs, and the callback is not started again.
+TEST_F(ConnectionTest, DestroyingTheHandleDuringTheCallbackLetsItFinish) {
+  const std::string node = base + "/running";
+  ASSERT_EQ(ZOK, conn->Create(node, "", ZOO_OPEN_ACL_UNSAFE, 0, nullptr));
+  std::promise<void> entered, release;
+  auto releaseFuture = release.get_future().share();
+  std::atomic<int> finished{0};
+  std::string value;
+  auto [rc, handle] = conn->Get(
+      node, value,
+      [&](int, int, std::string) {
+        entered.set_value();
+        releaseFuture.wait_for(5s);
+        finished++;
+      },
+      nullptr);
+  ASSERT_EQ(ZOK, rc);
+  ASSERT_EQ(ZOK, conn->Set(node, "1", -1));
+  ASSERT_EQ(std::future_status::ready, entered.get_future().wait_for(5s));
+  { Connection::WatchHandle destroyed(std::move(handle)); }
+  EXPECT_EQ(0, finished.load());
+  release.set_value();
+  EXPECT_TRUE(WaitUntil([&] { return finished.load() == 1; }, 5000ms));
+}
+
+TEST_F(ConnectionTest, CancelDuringTheCallbackDefersTheCompletion) {
+  const std::string node = base + "/deferred";
+  ASSERT_EQ(ZOK, conn->Create(node, "", ZOO_OPEN_ACL_UNSAFE, 0, nullptr));
+  std::promise<void> entered, release;
+  auto releaseFuture = release.get_future().share();
+  std::atomic<bool> callbackDone{false};
+  std::atomic<bool> completionSawCallbackDone{false};
+  std::atomic<int> completions{0};
+  std::string value;
+  auto [rc, handle] = conn->Get(
+      node, value,
+      [&](int, int, std::string) {
+        entered.set_value();
+        releaseFuture.wait_for(5s);
+        callbackDone = true;
+      },
+      nullptr);
+  ASSERT_EQ(ZOK, rc);
+  ASSERT_EQ(ZOK, conn->Set(node, "1", -1));
+  ASSERT_EQ(std::future_status::ready, entered.get_future().wait_for(5s));
+  EXPECT_TRUE(handle.Cancel([&] {
+    completionSawCallbackDone = callbackDone.load();
+    completions++;
+  }));
+  EXPECT_EQ(0, completions.load());
+  release.set_value();
+  ASSERT_TRUE(WaitUntil([&] { return completions.load() == 1; }, 5000ms));
+  EXPECT_TRUE(completionSawCallbackDone.load());
+}
+
+// Cancelling races the firing: whatever wins, a callback never starts after
+// the handle's destruction has returned.
+TEST_F(ConnectionTest, CancellationRacingTheCallbackNeverRunsItLate) {
+  const std::string node = base + "/race";
+  ASSERT_EQ(ZOK, conn->Create(node, "", ZOO_OPEN_ACL_UNSAFE, 0, nullptr));
+  auto writer = Connect(SharedServer().ConnectString());
+  std::atomic<int> late{0};
+  std::atomic<int> ran{0};
+  for (int round = 0; round < 100; ++round) {
+    auto destroyed = std::make_shared<std::atomic<bool>>(false);
+    std::string value;
+    auto [rc, handle] = conn->Get(
+        node, value,
+        [destroyed, &late, &ran](int, int, std::string) {
+          if (destroyed->load()) late++;
+          ran++;
+        },
+        nullptr);
+    ASSERT_EQ(ZOK, rc);
+    std::thread change([&] { writer->Set(node, std::to_string(round), -1); });
+    std::this_thread::sleep_for(std::chrono::microseconds(round * 10));
+    { Connection::WatchHandle gone(std::move(handle)); }
+    destroyed->store(true);
+    change.join();
+  }
+  std::this_thread::sleep_for(200ms);
+  EXPECT_EQ(0, late.load());
+  RecordProperty("callbacks_that_ran", ran.load());
+}
+
+TEST_F(ConnectionTest, ThrowingCallbackIsLoggedAndContained) {
+  const std::string node = base + "/throws";
+  ASSERT_EQ(ZOK, conn->Create(node, "", ZOO_OPEN_ACL_UNSAFE, 0, nullptr));
+  LogCapture capture;
+  std::string value;
+  auto [rc, handle] = conn->Get(
+      node, value, [](int, int, std::string) { throw std::runtime_error("boom"); }, nullptr);
+  ASSERT_EQ(ZOK, rc);
+  ASSERT_EQ(ZOK, conn->Set(node, "1", -1));
+  ASSERT_TRUE(WaitUntil([&] { return !capture.FromSource("korvel.connection").empty(); }, 5000ms));
+  const auto records = capture.FromSource("korvel.connection");
+  EXPECT_EQ(qx::logging::QXLOG_ERROR, records[0].level);
+  EXPECT_EQ("Watch callback for '" + node + "' threw: boom", records[0].message);
+  EXPECT_EQ(ZOK, conn->Exists(node, nullptr));
+}
+
+TEST_F(ConnectionTest, ClosingRemovesEphemeralNodesAndDropsPendingWatches) {
+  const std::string node = base + "/eph";
+  std::atomic<int> calls{0};
+  {
+    auto closing = Connect(SharedServer().ConnectString());
+    ASSERT_EQ(ZOK, closing->Create(node, "", ZOO_OPEN_ACL_UNSAFE, ZOO_EPHEMERAL, nullptr));
+    std::string value;
+    auto [rc, handle] =
+        closing->Get(base, value, [&](int, int, std::string) { calls++; }, nullptr);
+    ASSERT_EQ(ZOK, rc);
+    closing.reset();  // the handle outlives its connection
+    EXPECT_EQ(ZNONODE, conn->Exists(node, nullptr));
+    ASSERT_EQ(ZOK, conn->Set(base, "changed", -1));
+    std::this_thread::sleep_for(300ms);
+  }
+  EXPECT_EQ(0, calls.load());
+}
+
+// The last owner may let go inside a callback; the session then closes from
+// a thread of its own instead of joining the thread it runs on.
+TEST_F(ConnectionTest, LastReferenceDroppedInACallback) {
+  const std::string node = base + "/last";
+  ASSERT_EQ(ZOK, conn->Create(node, "", ZOO_OPEN_ACL_UNSAFE, 0, nullptr));
+  auto holder = std::make_shared<std::shared_ptr<Connection>>(Connect(SharedServer().ConnectString()));
+  ASSERT_EQ(ZOK,
+            (*holder)->Create(node + "-eph", "", ZOO_OPEN_ACL_UNSAFE, ZOO_EPHEMERAL, nullptr));
+  std::promise<void> done;
+  std::string value;
+  auto [rc, handle] = (*holder)->Get(
+      node, value,
+      [holder, &done](int, int, std::string) {
+        holder->reset();  // the only owner left
+        done.set_value();
+      },
+      nullptr);
+  ASSERT_EQ(ZOK, rc);
+  ASSERT_EQ(ZOK, conn->Set(node, "1", -1));
+  ASSERT_EQ(std::future_status::ready, done.get_future().wait_for(5s));
+  EXPECT_TRUE(WaitUntil([&] { return conn->Exists(node + "-eph", nullptr) == ZNONODE; }, 5000ms));
+}
+
+TEST_F(ConnectionTest, FaultInjectorReplacesTheResult) {
+  const std::string node = base + "/injected";
+  conn->SetFaultInjector([&](Connection::Operation op, const std::string& path) {
+    return op == Connection::Operation::Create && path == node ? std::optional<int>(ZCONNECTIONLOSS)
+                                                                : std::nullopt;
+  });
+  EXPECT_EQ(ZCONNECTIONLOSS, conn->Create(node, "", ZOO_OPEN_ACL_UNSAFE, 0, nullptr));
+  EXPECT_EQ(ZNONODE, conn->Exists(node, nullptr));
+  conn->SetFaultInjector(nullptr);
+  EXPECT_EQ(ZOK, conn->Create(node, "", ZOO_OPEN_ACL_UNSAFE, 0, nullptr));
+}
+
+TEST_F(ConnectionTest, ClientLogLinesAreRoutedIntoLogging) {
+  const auto previous = qx::logging::GetMinimumLoggingLevel();
+  qx::logging::SetMinimumLoggingLevel(qx::logging::QXLOG_DEBUG);
+  LogCapture capture;
+  testing::internal::CaptureStderr();
+  { auto another = Connect(SharedServer().ConnectString()); }
+  const std::string stderrText = testing::internal::GetCapturedStderr();
+  qx::logging::SetMinimumLoggingLevel(previous);
+
+  const auto client = capture.FromSource("zookeeper.client");
+  ASSERT_FALSE(client.empty());
+  bool initiating = false;
+  for (const auto& record : client) {
+    if (record.message.find("Initiating client connection") != std::string::npos) {
+      initiating = true;
+      EXPECT_EQ(qx::logging::QXLOG_INFO, record.level);
+    }
+  }
+  EXPECT_TRUE(initiating);
+  EXPECT_EQ("", stderrText);
+  EXPECT_FALSE(capture.FromSource("korvel.connection").empty());
+}
+
+}  // namespace
+}  // namespace korvel::test

@@ -1,0 +1,57 @@
+#include "util/test_util.h"
+
+#include "korvel/service_id.h"
+#include "stlext/uuid.h"
+
+namespace korvel::test {
+
+ZooKeeperServer& SharedServer() {
+  static ZooKeeperServer server;
+  return server;
+}
+
+std::shared_ptr<qx::korvel::Connection> Connect(const std::string& hosts,
+                                                std::chrono::milliseconds timeout) {
+  return std::make_shared<qx::korvel::Connection>(hosts, timeout);
+}
+
+std::string UniqueName(const std::string& prefix) {
+  return prefix + "-" + qx::uuid::to_string(qx::korvel::RandomServiceId()).substr(0, 8);
+}
+
+int64_t EphemeralOwner(const qx::korvel::Connection& conn, const std::string& path) {
+  Stat stat{};
+  return conn.Exists(path, &stat) == ZOK ? stat.ephemeralOwner : -1;
+}
+
+LogCapture::LogCapture() {
+  m_handlerId = qx::logging::AddLogHandler([this](const qx::logging::LogRecord& record) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_records.push_back({record.level, record.id, record.decodeType,
+                         record.source ? record.source->Name() : std::string(),
+                         record.filename ? record.filename : "", record.lineNumber,
+                         record.message, record.handlerName});
+  });
+}
+
+LogCapture::~LogCapture() { qx::logging::RemoveLogHandler(m_handlerId); }
+
+std::vector<CapturedRecord> LogCapture::Records() const {
+  std::lock_guard<std::mutex> lock(m_mutex);
+  return m_records;
+}
+
+std::vector<CapturedRecord> LogCapture::FromSource(const std::string& source) const {
+  std::vector<CapturedRecord> result;
+  for (auto& record : Records()) {
+    if (record.source == source) result.push_back(record);
+  }
+  return result;
+}
+
+void LogCapture::Clear() {
+  std::lock_guard<std::mutex> lock(m_mutex);
+  m_records.clear();
+}
+
+}  // namespace korvel::test

@@ -1,0 +1,63 @@
+// Shared helpers of the test suite. Single-threaded use from a test's main
+// thread, except LogCapture, which records from any thread.
+#pragma once
+
+#include <chrono>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "korvel/connection_v2.h"
+#include "logger/logger.h"
+#include "util/zk_harness.h"
+
+namespace korvel::test {
+
+using namespace std::chrono_literals;
+
+// The standalone server shared by all tests of one test binary: started on
+// first use, stopped when the binary exits.
+ZooKeeperServer& SharedServer();
+
+// A connection to `hosts` with a session timeout short enough for tests.
+std::shared_ptr<qx::korvel::Connection> Connect(const std::string& hosts,
+                                                std::chrono::milliseconds timeout = 4000ms);
+
+// `prefix` followed by a random suffix, for node names no other test uses.
+std::string UniqueName(const std::string& prefix);
+
+// The ephemeral owner of the node (0 for a persistent node), -1 if it is missing.
+int64_t EphemeralOwner(const qx::korvel::Connection& conn, const std::string& path);
+
+struct CapturedRecord {
+  qx::logging::LogLevel level;
+  unsigned int id;
+  qx::logging::DecodeType decodeType;
+  std::string source;
+  std::string filename;
+  int lineNumber;
+  std::string message;
+  std::string handlerName;
+};
+
+// Records every log record while it lives (and so keeps them off stderr).
+class LogCapture {
+ public:
+  LogCapture();
+  ~LogCapture();
+  LogCapture(const LogCapture&) = delete;
+  LogCapture& operator=(const LogCapture&) = delete;
+
+  std::vector<CapturedRecord> Records() const;
+  // The records of one source.
+  std::vector<CapturedRecord> FromSource(const std::string& source) const;
+  void Clear();
+
+ private:
+  int m_handlerId;
+  mutable std::mutex m_mutex;
+  std::vector<CapturedRecord> m_records;
+};
+
+}  // namespace korvel::test
