@@ -271,6 +271,7 @@ TEST_F(LoggerTest, RecordLoggedFromHandlerDoesNotCorruptOuterRecord) {
   QXLOG(Src(), QXLOG_WARNING) << "outer";
   QXLOG(Src(), QXLOG_WARNING) << "after " << 10;
 
+  ASSERT_FALSE(seenByLogger.empty());
   EXPECT_EQ(seenByLogger.front(), "outer");
   const auto messages = Messages(capture);
   ASSERT_GE(messages.size(), 2u);

@@ -32,9 +32,11 @@ std::string FourLetterWord(int port, const std::string& word, std::chrono::milli
 bool WaitUntil(const std::function<bool()>& pred, std::chrono::milliseconds timeout,
                std::chrono::milliseconds step = std::chrono::milliseconds(10));
 
-// Forces the server-side expiry of another client's session: connects a second handle with the
-// same session id and password, waits until it is connected, and closes it. Throws
-// std::runtime_error if the second handle does not connect within `timeout`.
+// Forces the server-side expiry of another client's session, the usual way: a second handle
+// attaches to the same session id and password and closes it. Because the server hands the
+// session back and forth between the two connections, this repeats until a fresh handle is told
+// that the session has expired. Throws std::runtime_error if the first handle does not connect or
+// the session is not gone within `timeout`. The owner sees ZOO_EXPIRED_SESSION_STATE shortly after.
 void ExpireSession(const std::string& hosts, const clientid_t& id,
                    std::chrono::milliseconds timeout = std::chrono::seconds(10));
 
@@ -54,11 +56,11 @@ class ZooKeeperServer {
   int Port() const;
   pid_t Pid() const;  // -1 while stopped.
 
-  void Stop();    // SIGTERM (bounded, then SIGKILL); data is kept.
-  void Kill();    // SIGKILL; data is kept.
-  void Start();   // Restarts on the same port and data; waits until serving.
-  void Pause();   // SIGSTOP: connections hang instead of failing.
-  void Resume();  // SIGCONT.
+  void Stop();             // SIGTERM (bounded, then SIGKILL); data is kept.
+  void Kill();             // SIGKILL; data is kept.
+  void Start();            // Restarts on the same port and data; waits until serving.
+  void Pause();            // SIGSTOP: connections hang instead of failing.
+  void Resume();           // SIGCONT.
   bool IsServing() const;  // Running, not paused, and `srvr` reports a Mode.
 
  private:
