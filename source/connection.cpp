@@ -7,8 +7,8 @@
 #include <cstdint>
 #include <cstring>
 #include <deque>
-#include <thread>
 #include <map>
+#include <thread>
 
 #include "korvel/error.h"
 #include "logger/logger.h"
@@ -35,11 +35,10 @@ void RouteClientLine(const char* text, std::size_t length) {
   while (length > 0 && (text[length - 1] == '\n' || text[length - 1] == '\r')) --length;
   if (length == 0) return;
   // A line reads "<time>:<pid>(<tid>):ZOO_<LEVEL>@<function>@<line>: <message>".
-  static const std::pair<const char*, logging::LogLevel> kLevels[] = {
-      {"ZOO_ERROR@", QXLOG_ERROR},
-      {"ZOO_WARN@", QXLOG_WARNING},
-      {"ZOO_INFO@", QXLOG_INFO},
-      {"ZOO_DEBUG@", QXLOG_DEBUG}};
+  static const std::pair<const char*, logging::LogLevel> kLevels[] = {{"ZOO_ERROR@", QXLOG_ERROR},
+                                                                      {"ZOO_WARN@", QXLOG_WARNING},
+                                                                      {"ZOO_INFO@", QXLOG_INFO},
+                                                                      {"ZOO_DEBUG@", QXLOG_DEBUG}};
   const std::string_view line(text, length);
   logging::LogLevel level = QXLOG_INFO;
   std::string_view message = line;
@@ -76,13 +75,15 @@ void RouteClientLine(const char* text, std::size_t length) {
     }
   }
   if (reportSuppressed > 0) {
-    QXLOG(g_clientLog, QXLOG_WARNING) << "suppressed " << reportSuppressed
-                                      << " ZooKeeper client log lines";
+    QXLOG(g_clientLog, QXLOG_WARNING)
+        << "suppressed " << reportSuppressed << " ZooKeeper client log lines";
   }
   QXLOG(g_clientLog, level) << message;
 }
 
-void ClientLogCallback(const char* message) { RouteClientLine(message, std::strlen(message)); }
+void ClientLogCallback(const char* message) {
+  RouteClientLine(message, std::strlen(message));
+}
 
 ssize_t ClientLogStreamWrite(void*, const char* buffer, std::size_t size) {
   for (std::size_t start = 0; start < size;) {
@@ -234,7 +235,9 @@ Connection::WatchHandle& Connection::WatchHandle::operator=(WatchHandle&& other)
   return *this;
 }
 
-Connection::WatchHandle::~WatchHandle() { Cancel(nullptr); }
+Connection::WatchHandle::~WatchHandle() {
+  Cancel(nullptr);
+}
 
 bool Connection::WatchHandle::Cancel(std::function<void()> cbk) {
   if (!m_ctx) return false;
@@ -319,11 +322,14 @@ class Connection::Impl {
   }
 
   // Runs `call(zh, watcher, watcherCtx)`, which returns the result code and
-  // whether the client set the watch, with a new watch for `func`.
+  // whether the client set the watch, with a new watch for `func`. The handle
+  // is returned whatever the code; a watch that was not set never fires.
   template <typename Call>
-  std::pair<int, WatchHandle> Watched(const String& path, WatchFunction func, Call call) {
-    const auto session = Current();
+  std::pair<int, WatchHandle> Watched(Operation op, const String& path, WatchFunction func,
+                                      Call call) {
     auto ctx = std::make_shared<WatchContext>(m_self, std::move(func));
+    if (auto rc = Injected(op, path)) return {*rc, WatchHandle(std::move(ctx))};
+    const auto session = Current();
     const std::uint64_t id = AddWatch(ctx, session.get(), path);
     const auto [rc, set] =
         call(session->zh, &Impl::OnPathWatch, reinterpret_cast<void*>(static_cast<uintptr_t>(id)));
@@ -585,13 +591,17 @@ Connection::~Connection() {
   }
 }
 
-clientid_t Connection::ClientId() const { return *zoo_client_id(m_impl->Current()->zh); }
+clientid_t Connection::ClientId() const {
+  return *zoo_client_id(m_impl->Current()->zh);
+}
 
 std::chrono::milliseconds Connection::SessionTimeout() const {
   return std::chrono::milliseconds(zoo_recv_timeout(m_impl->Current()->zh));
 }
 
-int Connection::State() const { return zoo_state(m_impl->Current()->zh); }
+int Connection::State() const {
+  return zoo_state(m_impl->Current()->zh);
+}
 
 int Connection::Create(String path, const String& data, const ACL_vector& acl, int flags,
                        String* createdPath) const {
@@ -623,11 +633,11 @@ int Connection::Get(String path, String& data, Stat* stat) const {
 
 std::pair<int, Connection::WatchHandle> Connection::Get(String path, String& data,
                                                         WatchFunction watch, Stat* stat) const {
-  if (auto rc = m_impl->Injected(Operation::Get, path)) return {*rc, WatchHandle()};
-  return m_impl->Watched(path, std::move(watch), [&](zhandle_t* zh, watcher_fn fn, void* ctx) {
-    const GetResult result = ReadValue(zh, path, data, fn, ctx, stat);
-    return std::pair<int, bool>(result.rc, result.watchSet);
-  });
+  return m_impl->Watched(Operation::Get, path, std::move(watch),
+                         [&](zhandle_t* zh, watcher_fn fn, void* ctx) {
+                           const GetResult result = ReadValue(zh, path, data, fn, ctx, stat);
+                           return std::pair<int, bool>(result.rc, result.watchSet);
+                         });
 }
 
 int Connection::Exists(String path, Stat* stat) const {
@@ -638,12 +648,12 @@ int Connection::Exists(String path, Stat* stat) const {
 
 std::pair<int, Connection::WatchHandle> Connection::Exists(String path, WatchFunction watch,
                                                            Stat* stat) const {
-  if (auto rc = m_impl->Injected(Operation::Exists, path)) return {*rc, WatchHandle()};
-  return m_impl->Watched(path, std::move(watch), [&](zhandle_t* zh, watcher_fn fn, void* ctx) {
-    Stat local{};
-    const int rc = zoo_wexists(zh, path.c_str(), fn, ctx, stat ? stat : &local);
-    return std::pair<int, bool>(rc, rc == ZOK || rc == ZNONODE);
-  });
+  return m_impl->Watched(
+      Operation::Exists, path, std::move(watch), [&](zhandle_t* zh, watcher_fn fn, void* ctx) {
+        Stat local{};
+        const int rc = zoo_wexists(zh, path.c_str(), fn, ctx, stat ? stat : &local);
+        return std::pair<int, bool>(rc, rc == ZOK || rc == ZNONODE);
+      });
 }
 
 int Connection::GetChildren(String path, std::vector<String>& children) const {
@@ -658,14 +668,14 @@ int Connection::GetChildren(String path, std::vector<String>& children) const {
 std::pair<int, Connection::WatchHandle> Connection::GetChildren(String path,
                                                                 std::vector<String>& children,
                                                                 WatchFunction watch) const {
-  if (auto rc = m_impl->Injected(Operation::GetChildren, path)) return {*rc, WatchHandle()};
-  return m_impl->Watched(path, std::move(watch), [&](zhandle_t* zh, watcher_fn fn, void* ctx) {
-    String_vector names{};
-    const int rc = zoo_wget_children(zh, path.c_str(), fn, ctx, &names);
-    if (rc == ZOK) AppendNames(names, children);
-    deallocate_String_vector(&names);
-    return std::pair<int, bool>(rc, rc == ZOK);
-  });
+  return m_impl->Watched(Operation::GetChildren, path, std::move(watch),
+                         [&](zhandle_t* zh, watcher_fn fn, void* ctx) {
+                           String_vector names{};
+                           const int rc = zoo_wget_children(zh, path.c_str(), fn, ctx, &names);
+                           if (rc == ZOK) AppendNames(names, children);
+                           deallocate_String_vector(&names);
+                           return std::pair<int, bool>(rc, rc == ZOK);
+                         });
 }
 
 int Connection::Delete(String path, int version) const {

@@ -1,8 +1,19 @@
 #include "korvel/service.h"
 
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <fstream>
+#include <unordered_set>
+
+#include <boost/algorithm/string/trim.hpp>
 #include <boost/lexical_cast.hpp>
 #include <boost/uuid/uuid_io.hpp>
 
+#include "korvel/error.h"
 #include "korvel/utils.h"
 #include "logger/logger.h"
 #include "stlext/uuid.h"
@@ -18,7 +29,224 @@ constexpr std::size_t kAttributeBuffer = 22;
 const String kRootPath = "/srv/";
 const String kAlivePath = "/srv/alive/";
 
+using logging::QXLOG_DEBUG;
+using logging::QXLOG_ERROR;
+using logging::QXLOG_INFO;
+using logging::QXLOG_WARNING;
+
 }  // namespace
+
+Service::Service(std::shared_ptr<Connection> conn, String stype, String serviceName)
+    : Service(std::move(conn), std::move(stype), RandomServiceId(), std::move(serviceName)) {}
+
+Service::Service(std::shared_ptr<Connection> conn, String stype, ServiceId uuid, String serviceName)
+    : m_updateNeeded(false),
+      m_conn(std::move(conn)),
+      m_uuid(uuid),
+      m_stype(std::move(stype)),
+      m_name(std::move(serviceName)) {
+  Init();
+}
+
+Service::~Service() {
+  try {
+    RecursiveDelete(*m_conn, m_root);
+  } catch (const KorvelError&) {
+    QXLOG(g_log, QXLOG_WARNING) << "Failed to remove service tree";
+  }
+  m_conn->Delete(m_alive, -1);
+}
+
+const char* Service::StatusToString(Status s) {
+  switch (s) {
+    case UP:
+      return "up";
+    case DOWN:
+      return "down";
+    case UP_SENDING_DISABLED:
+      return "up_sending_disabled";
+  }
+  return "unknown";
+}
+
+void Service::RegisterForSessionEvent() {
+  std::shared_ptr<Service> self = shared_from_this();
+  m_conn->RegisterWeak(std::weak_ptr<ConnectionObserver>(self));
+}
+
+void Service::OnSessionEvent(int event, int state, String) {
+  if (event != ZOO_SESSION_EVENT) return;
+  if (state == ZOO_EXPIRED_SESSION_STATE) {
+    QXLOG(g_log, QXLOG_INFO) << "Session expired. Flagging data for update on reconnect.";
+    m_updateNeeded = true;
+  } else if (state == ZOO_CONNECTED_STATE && m_updateNeeded) {
+    QXLOG(g_log, QXLOG_INFO) << "Reconnected. Updating service node data.";
+    // Cleared first: a re-registration that fails is not tried again until
+    // the next expiry.
+    m_updateNeeded = false;
+    Init();
+  }
+}
+
+void Service::Init() {
+  const String stype = NormalizePath(m_stype);
+  if (stype == "alive") throw KorvelError("application cannot be named 'alive'");
+  const String uuidStr = uuid::to_string(m_uuid);
+  QXLOG(g_log, QXLOG_INFO) << "Initializing Korvel Service: " << uuidStr;
+
+  // The liveness node stands before the cleanup looks for data nodes without
+  // one, so that this instance's own data node is never taken for a leftover.
+  m_alive = kAlivePath + stype + "/" + uuidStr;
+  EnsurePath(*m_conn, m_alive, true, ZOO_OPEN_ACL_UNSAFE);
+  CleanupCrashedApps(stype);
+  m_root = kRootPath + stype + "/" + uuidStr;
+  EnsurePath(*m_conn, m_root, false, ZOO_OPEN_ACL_UNSAFE);
+
+  CreateOrSet(m_root + "/status", StatusToString(DOWN));
+  if (!m_name.empty()) CreateOrSet(m_root + "/service_name", m_name);
+
+  char buf[1024];
+  buf[1023] = '\0';
+  if (gethostname(buf, 1023) != 0) {
+    const int error = errno;
+    if (strerror_r(error, buf, sizeof buf) == nullptr) {
+      QXLOG(g_log, QXLOG_ERROR) << "gethostname error: " << buf;
+    } else {
+      QXLOG(g_log, QXLOG_ERROR) << "gethostname error: " << error;
+    }
+    throw KorvelError("gethostname error");
+  }
+  String hostName(buf);
+  boost::algorithm::trim(hostName);
+  CreateOrSet(m_root + "/hostname", hostName);
+
+  char pid[16];
+  std::snprintf(pid, sizeof pid, "%d", static_cast<int>(getpid()));
+  CreateOrSet(m_root + "/pid", pid);
+
+  // "%u" is the ISO weekday (1 = Monday ... 7 = Sunday), not a fraction.
+  char startTimeBuf[64];
+  std::time_t rawtime;
+  std::time(&rawtime);
+  const std::tm* ptm = std::gmtime(&rawtime);
+  std::strftime(startTimeBuf, sizeof startTimeBuf, "%Y-%m-%d %H:%M:%S.%u", ptm);
+  CreateOrSet(m_root + "/start_time", startTimeBuf);
+
+  // The recipe name and the version may stand in files beside the directory
+  // of the executable.
+  char path[4000];
+  path[3999] = '\0';
+  static const char linkName[] = "/proc/self/exe";
+  const ssize_t bytesRead = readlink(linkName, path, 3999);
+  if (bytesRead <= 0) {
+    const int error = errno;
+    QXLOG(g_log, QXLOG_ERROR) << "failed to read link, linkName=" << linkName << ", errno=" << error
+                              << ", " << std::strerror(error);
+    throw KorvelError("failed to read link");
+  }
+  path[bytesRead] = '\0';
+  *std::strrchr(path, '/') = '\0';
+
+  const auto get_from_file = [](const String& file, String& out) {
+    std::ifstream stream(file);
+    if (stream.good()) std::getline(stream, out);
+  };
+  if (const char* chef_recipe_name_from_env = std::getenv("CHEF_RECIPE_NAME")) {
+    CreateOrSet(m_root + "/chef_recipe_name", chef_recipe_name_from_env);
+  } else {
+    String chef_recipe_name;
+    get_from_file(String(path) + "/../CHEF_RECIPE_NAME", chef_recipe_name);
+    if (!chef_recipe_name.empty()) CreateOrSet(m_root + "/chef_recipe_name", chef_recipe_name);
+  }
+  String version;
+  get_from_file(String(path) + "/../CHEF_VERSION", version);
+  if (!version.empty()) CreateOrSet(m_root + "/version", version);
+}
+
+void Service::CreateOrSet(const String& path, const String& value) {
+  int rc = m_conn->Create(path, value, ZOO_OPEN_ACL_UNSAFE, ZOO_EPHEMERAL, nullptr);
+  if (rc == ZNODEEXISTS) {
+    rc = m_conn->Set(path, value, -1);
+    if (rc == ZNONODE) {
+      QXLOG(g_log, QXLOG_ERROR) << "Failed to set node data on '" << path << "': "
+                                << "Node was deleted by other process";
+      throw KorvelError("Failed to set node data: Node was deleted by other process");
+    }
+  }
+  if (rc == ZOK) return;
+  QXLOG(g_log, QXLOG_ERROR) << "Failed to create node '" << path << "': " << zerror(rc);
+  throw KorvelError("Failed to create node");
+}
+
+void Service::SetStatus(Status status) {
+  SetStatusInternal(status, m_root);
+}
+
+void Service::SetStatusInternal(Status status, String path) {
+  const int result = m_conn->Set(path + "/status", StatusToString(status), -1);
+  if (result == ZOK) return;
+  QXLOG(g_log, QXLOG_ERROR) << "Failed to create status node: " << zerror(result);
+  throw KorvelError("Failed to create status node");
+}
+
+void Service::SetChildStatus(Status status, String childPath) {
+  SetChildAttribute(std::move(childPath), "status", StatusToString(status));
+}
+
+void Service::SetChildAttribute(String childPath, String attribute, String value) {
+  attribute = NormalizePath(std::move(attribute));
+  String attrPath;
+  if (childPath == "/") {
+    attrPath = m_root + "/" + attribute;
+  } else {
+    childPath = NormalizePath(std::move(childPath));
+    attrPath = m_root + "/" + childPath + "/" + attribute;
+  }
+  // Update first: an attribute that exists costs one request.
+  int result = m_conn->Set(attrPath, value, -1);
+  if (result == ZNONODE) {
+    if (childPath != "/") EnsurePath(*m_conn, m_root + "/" + childPath, false, ZOO_OPEN_ACL_UNSAFE);
+    result = m_conn->Create(attrPath, value, ZOO_OPEN_ACL_UNSAFE, 0, nullptr);
+  }
+  if (result == ZOK) return;
+  QXLOG(g_log, QXLOG_ERROR) << "Failed to create node: " << zerror(result);
+  throw KorvelError("Failed to create node");
+}
+
+void Service::RemoveChild(String childPath, bool ignoreNonExistent) {
+  childPath = NormalizePath(std::move(childPath));
+  const String node = m_root + "/" + childPath;
+  QXLOG(g_log, QXLOG_DEBUG) << "Removing zookeeper node: " << m_root << "/" << childPath;
+  std::vector<String> children;
+  m_conn->GetChildren(node, children);
+  for (const String& name : children) RemoveChild(childPath + "/" + name, false);
+  if (ignoreNonExistent && m_conn->Exists(node, nullptr) == ZNONODE) return;
+  const int result = m_conn->Delete(node, -1);
+  if (result != ZOK) {
+    QXLOG(g_log, QXLOG_ERROR) << "Failed to delete node (result = " << result << ")";
+  }
+}
+
+void Service::CleanupCrashedApps(String stype) {
+  const String appsInSrv = kRootPath + stype;
+  std::vector<String> srvChildren;
+  m_conn->GetChildren(appsInSrv, srvChildren);
+  // Listed after the data nodes: an instance whose data node was listed had
+  // its liveness node before, so it is listed here too.
+  const String appsInSrvAlive = kAlivePath + stype;
+  std::vector<String> srvAliveKids;
+  m_conn->GetChildren(appsInSrvAlive, srvAliveKids);
+  const std::unordered_set<String> srvAliveChildren(srvAliveKids.begin(), srvAliveKids.end());
+
+  for (const String& srvChild : srvChildren) {
+    if (srvAliveChildren.count(srvChild) != 0) continue;
+    QXLOG(g_log, QXLOG_INFO) << "Cleaning up application in zookeeper. "
+                             << "Found '" << appsInSrv << "/" << srvChild << "', but did not find '"
+                             << appsInSrvAlive << "/" << srvChild << "', recursively deleting '"
+                             << appsInSrv << "/" << srvChild << "'.";
+    RecursiveDelete(*m_conn, appsInSrv + "/" + srvChild);
+  }
+}
 
 OldServiceWatcher::OldServiceWatcher(std::shared_ptr<Connection> conn, const String& name)
     : m_conn(std::move(conn)), m_name(NormalizePath(name)) {
@@ -48,9 +276,9 @@ std::tuple<int, std::vector<ServiceId>, Connection::WatchHandle> OldServiceWatch
     try {
       services.push_back(boost::lexical_cast<boost::uuids::uuid>(child));
     } catch (const boost::bad_lexical_cast&) {
-      QXLOG(g_log, logging::QXLOG_WARNING) << "Invalid child name at path '" << path
-                                           << "'. Could not convert '" << child
-                                           << "' to ServiceId.";
+      QXLOG(g_log, logging::QXLOG_WARNING)
+          << "Invalid child name at path '" << path << "'. Could not convert '" << child
+          << "' to ServiceId.";
     }
   }
   return {rc, std::move(services), std::move(handle)};
@@ -92,8 +320,10 @@ int OldServiceWatcher::HasAttribute(const ServiceId& id, const String& name,
   return m_conn->Exists(CreatePath(path, id) + "/" + name, nullptr);
 }
 
-std::tuple<int, Connection::WatchHandle> OldServiceWatcher::HasAttribute(
-    const ServiceId& id, const String& name, WatchFunction func, const String& path) const {
+std::tuple<int, Connection::WatchHandle> OldServiceWatcher::HasAttribute(const ServiceId& id,
+                                                                         const String& name,
+                                                                         WatchFunction func,
+                                                                         const String& path) const {
   auto [rc, handle] = m_conn->Exists(CreatePath(path, id) + "/" + name, std::move(func), nullptr);
   return {rc, std::move(handle)};
 }

@@ -51,7 +51,9 @@ class IPStringStream : public std::ostream {
 };
 
 // The stream's whole text.
-inline String Finish(const IPStringStream& stream) { return stream.Text(); }
+inline String Finish(const IPStringStream& stream) {
+  return stream.Text();
+}
 
 // Empties the stream's text and its error state for the next use. The buffer
 // is kept unless it has grown beyond `keepCapacity` bytes.

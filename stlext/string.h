@@ -10,6 +10,8 @@ using String = std::string;
 using IPString = String;
 
 // Gives `s` the length `n`; bytes beyond the old length are zero.
-inline void fast_resize(String& s, std::size_t n) { s.resize(n, '\0'); }
+inline void fast_resize(String& s, std::size_t n) {
+  s.resize(n, '\0');
+}
 
 }  // namespace qx

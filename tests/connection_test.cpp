@@ -165,8 +165,7 @@ TEST_F(ConnectionTest, OversizedValuesAreRefusedAndTheConnectionStaysUsable) {
   EXPECT_EQ(ZNONODE, conn->Exists(node, nullptr));
   ASSERT_EQ(ZOK, conn->Create(node, "ok", ZOO_OPEN_ACL_UNSAFE, 0, nullptr));
   EXPECT_EQ(ZBADARGUMENTS, conn->Set(node, huge, -1));
-  EXPECT_EQ(ZBADARGUMENTS,
-            conn->Set(node, std::string(Connection::kMaxDataSize + 1, 'h'), -1));
+  EXPECT_EQ(ZBADARGUMENTS, conn->Set(node, std::string(Connection::kMaxDataSize + 1, 'h'), -1));
 
   std::string value;
   EXPECT_EQ(ZOK, conn->Get(node, value, nullptr));
@@ -394,8 +393,8 @@ TEST_F(ConnectionTest, ClosingRemovesEphemeralNodesAndDropsPendingWatches) {
     auto closing = Connect(SharedServer().ConnectString());
     ASSERT_EQ(ZOK, closing->Create(node, "", ZOO_OPEN_ACL_UNSAFE, ZOO_EPHEMERAL, nullptr));
     std::string value;
-    auto [rc, handle] =
-        closing->Get(base, value, [&](int, int, std::string) { calls++; }, nullptr);
+    auto [rc, handle] = closing->Get(
+        base, value, [&](int, int, std::string) { calls++; }, nullptr);
     ASSERT_EQ(ZOK, rc);
     closing.reset();  // the handle outlives its connection
     EXPECT_EQ(ZNONODE, conn->Exists(node, nullptr));
@@ -410,9 +409,9 @@ TEST_F(ConnectionTest, ClosingRemovesEphemeralNodesAndDropsPendingWatches) {
 TEST_F(ConnectionTest, LastReferenceDroppedInACallback) {
   const std::string node = base + "/last";
   ASSERT_EQ(ZOK, conn->Create(node, "", ZOO_OPEN_ACL_UNSAFE, 0, nullptr));
-  auto holder = std::make_shared<std::shared_ptr<Connection>>(Connect(SharedServer().ConnectString()));
-  ASSERT_EQ(ZOK,
-            (*holder)->Create(node + "-eph", "", ZOO_OPEN_ACL_UNSAFE, ZOO_EPHEMERAL, nullptr));
+  auto holder =
+      std::make_shared<std::shared_ptr<Connection>>(Connect(SharedServer().ConnectString()));
+  ASSERT_EQ(ZOK, (*holder)->Create(node + "-eph", "", ZOO_OPEN_ACL_UNSAFE, ZOO_EPHEMERAL, nullptr));
   std::promise<void> done;
   std::string value;
   auto [rc, handle] = (*holder)->Get(
@@ -432,7 +431,7 @@ TEST_F(ConnectionTest, FaultInjectorReplacesTheResult) {
   const std::string node = base + "/injected";
   conn->SetFaultInjector([&](Connection::Operation op, const std::string& path) {
     return op == Connection::Operation::Create && path == node ? std::optional<int>(ZCONNECTIONLOSS)
-                                                                : std::nullopt;
+                                                               : std::nullopt;
   });
   EXPECT_EQ(ZCONNECTIONLOSS, conn->Create(node, "", ZOO_OPEN_ACL_UNSAFE, 0, nullptr));
   EXPECT_EQ(ZNONODE, conn->Exists(node, nullptr));

@@ -71,8 +71,7 @@ TEST_F(EnsembleTest, ForcedExpiryOnTheEnsembleGivesAWorkingNewSession) {
   ExpireSession(ensemble->ConnectString(), old);
   ASSERT_TRUE(WaitUntil(
       [&] {
-        return conn->ClientId().client_id != old.client_id &&
-               conn->State() == ZOO_CONNECTED_STATE;
+        return conn->ClientId().client_id != old.client_id && conn->State() == ZOO_CONNECTED_STATE;
       },
       20000ms));
   // The old session's node may still be visible on the member we talk to:

@@ -132,11 +132,12 @@ TEST(SessionTest, ObserversAreIsolatedFromEachOther) {
   ExpireSession(server.ConnectString(), conn->ClientId());
   ASSERT_TRUE(twice->WaitForNewSession());  // notified last, so all others were too
   // Registered twice, notified twice.
-  EXPECT_TRUE(WaitUntil(
-      [&] { return twice->States().size() == 2 * recorder->States().size(); }, 2000ms));
+  EXPECT_TRUE(
+      WaitUntil([&] { return twice->States().size() == 2 * recorder->States().size(); }, 2000ms));
   int observerErrors = 0;
   for (const auto& r : capture.FromSource("korvel.connection")) {
-    if (r.level == qx::logging::QXLOG_ERROR && r.message == "Session observer failed: observer bug") {
+    if (r.level == qx::logging::QXLOG_ERROR &&
+        r.message == "Session observer failed: observer bug") {
       ++observerErrors;
     }
   }
@@ -167,7 +168,8 @@ TEST(SessionTest, ServerRestartWithinTheSessionTimeoutKeepsTheSession) {
   ASSERT_EQ(ZOK, conn->Create(node, "", ZOO_OPEN_ACL_UNSAFE, ZOO_EPHEMERAL, nullptr));
   std::atomic<int> fired{0};
   std::string value;
-  auto [rc, handle] = conn->Get(node, value, [&](int, int, std::string) { fired++; }, nullptr);
+  auto [rc, handle] = conn->Get(
+      node, value, [&](int, int, std::string) { fired++; }, nullptr);
   ASSERT_EQ(ZOK, rc);
   const auto session = conn->ClientId().client_id;
 

@@ -123,8 +123,7 @@ TEST_F(UtilsTest, EnsurePathRefusesInvalidPaths) {
   const auto creates = CountRequests(*conn, Op::Create);
   for (const std::string path : {"a/b", "/a/", "/a//b", ""}) {
     LogCapture capture;
-    EXPECT_EQ("Invalid path", KorvelErrorOf([&] { EnsurePath(*conn, path, false, kAcl); }))
-        << path;
+    EXPECT_EQ("Invalid path", KorvelErrorOf([&] { EnsurePath(*conn, path, false, kAcl); })) << path;
     EXPECT_EQ(1u, UtilsErrors(capture).size()) << path;
   }
   EXPECT_EQ(0, *creates);

@@ -72,7 +72,9 @@ std::vector<CapturedRecord> KorvelRecords(const LogCapture& capture) {
   return records;
 }
 
-std::string Text(const ServiceId& id) { return qx::uuid::to_string(id); }
+std::string Text(const ServiceId& id) {
+  return qx::uuid::to_string(id);
+}
 
 class WatcherTest : public ::testing::Test {
  protected:
@@ -133,9 +135,9 @@ TEST_F(WatcherTest, ListSkipsAnInvalidNameWithOneWarning) {
   const auto records = capture.FromSource("korvel.service");
   ASSERT_EQ(1u, records.size());
   EXPECT_EQ(qx::logging::QXLOG_WARNING, records[0].level);
-  EXPECT_EQ("Invalid child name at path '" + AlivePath() +
-                "'. Could not convert 'junk' to ServiceId.",
-            records[0].message);
+  EXPECT_EQ(
+      "Invalid child name at path '" + AlivePath() + "'. Could not convert 'junk' to ServiceId.",
+      records[0].message);
 }
 
 TEST_F(WatcherTest, NoWarningIsFormedAboveTheWarningLevel) {
@@ -255,7 +257,8 @@ TEST_F(AttributeTest, GetAttributeReadsTheInstanceOrItsChild) {
   EXPECT_EQ(std::make_tuple(ZOK, qx::String("child-up")),
             watcher->GetAttribute(id, "status", "/child1/"));
   for (const char* path : {"/", "//"}) {
-    EXPECT_EQ(std::make_tuple(ZOK, qx::String("running")), watcher->GetAttribute(id, "status", path))
+    EXPECT_EQ(std::make_tuple(ZOK, qx::String("running")),
+              watcher->GetAttribute(id, "status", path))
         << path;
     EXPECT_EQ(ZOK, watcher->HasAttribute(id, "hostname", path)) << path;
   }

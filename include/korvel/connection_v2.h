@@ -139,8 +139,7 @@ class Connection : public ObservableImpl<ConnectionObserver> {
   // its size on entry.
   int Get(String path, String& data, Stat* stat) const;
   // The same, and sets a one-shot data watch when the node exists.
-  std::pair<int, WatchHandle> Get(String path, String& data, WatchFunction watch,
-                                  Stat* stat) const;
+  std::pair<int, WatchHandle> Get(String path, String& data, WatchFunction watch, Stat* stat) const;
   // ZOK when the node exists, ZNONODE when it does not.
   int Exists(String path, Stat* stat) const;
   // The same, and sets a one-shot watch also when the node does not exist yet.

@@ -1,5 +1,6 @@
-// The service registry: `OldServiceWatcher` lists the live instances of a
-// service type and reads their attributes.
+// The service registry: a `Service` registers one running instance of a
+// service type; an `OldServiceWatcher` lists the live instances of a type and
+// reads their attributes.
 //
 // The tree: every live instance of type T has an ephemeral liveness node
 // /srv/alive/T/<id> and a data node /srv/T/<id> whose children are its
@@ -7,11 +8,21 @@
 // "chef_recipe_name", "version") and its per-child records. <id> is the
 // instance's ServiceId in its 36-character text form.
 //
-// Threads: a watcher keeps no state after construction; its queries may be
-// called from any thread that may use the Connection. Watch callbacks run on
-// the Connection's event thread and live as long as the returned handle.
+// The liveness node and the instance's own attributes are ephemeral: they
+// vanish with the session that made them. The data node and the per-child
+// records are persistent; a crashed instance's data node is removed by the
+// next registration of its type.
+//
+// Threads: neither class takes a lock. A Service's operations run on the
+// caller's thread; after a session expiry its re-registration runs on the
+// Connection's event thread, concurrently with whatever the application calls
+// meanwhile (the server orders the writes; the last one wins). A watcher keeps
+// no state after construction; its queries may be called from any thread that
+// may use the Connection. Watch callbacks run on the Connection's event thread
+// and live as long as the returned handle.
 #pragma once
 
+#include <cstdint>
 #include <memory>
 #include <tuple>
 #include <vector>
@@ -22,11 +33,79 @@
 
 namespace qx::korvel {
 
+class Service : public std::enable_shared_from_this<Service>, public ConnectionObserver {
+ public:
+  enum Status : std::int32_t { UP = 0, DOWN = 1, UP_SENDING_DISABLED = 2 };
+
+  // Registers a new instance of type `stype` (normalised with NormalizePath)
+  // under a new random ServiceId, named `serviceName` (may be empty): removes
+  // what crashed instances of the type left behind, creates the liveness node
+  // and the data node, and publishes status "down", the name, host name,
+  // process id, start time, recipe name and version. Throws KorvelError when
+  // the type is "alive" or a step fails; what was created stays.
+  Service(std::shared_ptr<Connection> conn, String stype, String serviceName);
+  // The same under the given identity.
+  Service(std::shared_ptr<Connection> conn, String stype, ServiceId uuid, String serviceName);
+  // Removes the data node with its whole subtree, then the liveness node.
+  // Never throws; a failure is logged.
+  ~Service() override;
+  Service(const Service&) = delete;
+  Service& operator=(const Service&) = delete;
+
+  // "/srv/<type>/<id>".
+  const String& GetRoot() const { return m_root; }
+  ServiceId GetId() const { return m_uuid; }
+  const std::shared_ptr<Connection>& GetConnection() const { return m_conn; }
+
+  // "up", "down", "up_sending_disabled"; "unknown" for any other value.
+  static const char* StatusToString(Status s);
+
+  // Subscribes this service to its connection's session events, so that it
+  // registers again by itself once a new session follows an expiry (status
+  // "down" again until SetStatus). Call once, after making the service under
+  // a shared_ptr; throws std::bad_weak_ptr otherwise.
+  void RegisterForSessionEvent();
+
+  // Publishes the service's own status. Throws KorvelError "Failed to create
+  // status node" when the node cannot be updated (it is never created here).
+  void SetStatus(Status status);
+  // Publishes the status of child `childPath` ("/": the service itself) as
+  // its persistent attribute "status". Throws as SetChildAttribute.
+  void SetChildStatus(Status status, String childPath);
+  // Publishes attribute `attribute` of child `childPath` ("/": the service
+  // itself; otherwise a path relative to the data node, made when missing) as
+  // a persistent node holding `value`. Throws KorvelError "Failed to create
+  // node" on failure.
+  void SetChildAttribute(String childPath, String attribute, String value);
+  // Deletes child `childPath` with everything below it, deepest first. A
+  // failed delete is logged, never thrown; with `ignoreNonExistent` a missing
+  // child is skipped silently.
+  void RemoveChild(String childPath, bool ignoreNonExistent);
+  // Deletes, with their subtrees, the data nodes of type `stype` (already
+  // normalised) that have no liveness node: the leftovers of crashed
+  // instances. Two listings plus one recursive delete per leftover.
+  void CleanupCrashedApps(String stype);
+
+ private:
+  void OnSessionEvent(int event, int state, String path) override;
+  void Init();
+  void CreateOrSet(const String& path, const String& value);
+  void SetStatusInternal(Status status, String path);
+
+  bool m_updateNeeded;
+  std::shared_ptr<Connection> m_conn;
+  String m_root;
+  String m_alive;
+  ServiceId m_uuid;
+  String m_stype;
+  String m_name;
+};
+
 class OldServiceWatcher {
  public:
   // Watches the service type `name` (normalised with NormalizePath) and makes
   // sure its liveness directory /srv/alive/<type> exists. Throws what
-  // EnsurePath throws when it cannot.
+  // EnsurePath throws when it cannot, "Invalid path" for an empty type.
   OldServiceWatcher(std::shared_ptr<Connection> conn, const String& name);
 
   // The live instances: the result code of listing /srv/alive/<type> and one

@@ -14,9 +14,9 @@ namespace qx::korvel {
 String NormalizePath(String path);
 
 // Makes sure that every node of the absolute `path` exists, creating the
-// missing ones with `acl`; an existing node is no error. With `ephemeral`
-// true the last node is made ephemeral (ancestors are always persistent); if
-// it exists as an ephemeral node of another session (an expired one of ours
+// missing ones with `acl`; an existing node is no error and keeps its kind.
+// With `ephemeral` true the last node is made ephemeral (ancestors are always
+// persistent); if it exists as an ephemeral node of another session (an expired one of ours
 // that the server has not removed yet), waits for it to vanish, up to the
 // session timeout, and creates it again. The whole path is created in one
 // request when its parent exists, otherwise all its levels are sent together.

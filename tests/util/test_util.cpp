@@ -29,12 +29,14 @@ LogCapture::LogCapture() {
     std::lock_guard<std::mutex> lock(m_mutex);
     m_records.push_back({record.level, record.id, record.decodeType,
                          record.source ? record.source->Name() : std::string(),
-                         record.filename ? record.filename : "", record.lineNumber,
-                         record.message, record.handlerName});
+                         record.filename ? record.filename : "", record.lineNumber, record.message,
+                         record.handlerName});
   });
 }
 
-LogCapture::~LogCapture() { qx::logging::RemoveLogHandler(m_handlerId); }
+LogCapture::~LogCapture() {
+  qx::logging::RemoveLogHandler(m_handlerId);
+}
 
 std::vector<CapturedRecord> LogCapture::Records() const {
   std::lock_guard<std::mutex> lock(m_mutex);

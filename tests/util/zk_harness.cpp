@@ -79,6 +79,7 @@ class ServerNode {
   enum class State { kStarting, kServing, kExited, kPortTaken };
 
   ServerNode(int server_id, int tick_ms) : server_id_(server_id), tick_ms_(tick_ms) {
+    if (tick_ms <= 0) throw std::invalid_argument("ZooKeeper tickTime must be positive");
     const char* tmp = getenv("TMPDIR");
     std::string templ = std::string(tmp && *tmp ? tmp : "/tmp") + "/korvel-zk-XXXXXX";
     if (mkdtemp(templ.data()) == nullptr) throw std::runtime_error(ErrnoText("mkdtemp " + templ));
@@ -92,7 +93,7 @@ class ServerNode {
   }
 
   int port() const { return port_; }
-  pid_t pid() const { return pid_; }
+  pid_t pid() { return Alive() ? pid_ : -1; }
   bool paused() const { return paused_; }
   std::string data_dir() const { return dir_ + "/data"; }
   std::string log_path() const { return dir_ + "/server.log"; }
@@ -126,19 +127,24 @@ class ServerNode {
     std::string class_path = kClassPath;
     if (access(kSlf4jSimpleJar, R_OK) == 0) class_path += std::string(":") + kSlf4jSimpleJar;
     std::vector<std::string> args = {
-        kJava, "-Xmx256m", "-XX:+UseSerialGC",
+        kJava,
+        "-Xmx256m",
+        "-XX:+UseSerialGC",
         "-XX:TieredStopAtLevel=1",  // Faster JVM start; plenty for a test server.
         "-XX:-UsePerfData",         // No /tmp/hsperfdata files left behind by SIGKILL.
-        "-Djava.net.preferIPv4Stack=true", "-Dzookeeper.log.dir=" + dir_,
+        "-Djava.net.preferIPv4Stack=true",
+        "-Dzookeeper.log.dir=" + dir_,
         "-Dlog4j.configuration=file:/etc/zookeeper/conf_example/log4j.properties",
         "-Dorg.slf4j.simpleLogger.showDateTime=true",
         "-Dorg.slf4j.simpleLogger.dateTimeFormat=HH:mm:ss.SSS",
         // Silences one INFO line per four-letter-word probe.
-        "-Dorg.slf4j.simpleLogger.log.org.apache.zookeeper.server.NIOServerCnxn=warn", "-cp",
+        "-Dorg.slf4j.simpleLogger.log.org.apache.zookeeper.server.NIOServerCnxn=warn",
+        "-cp",
         class_path,
         server_id_ == 0 ? "org.apache.zookeeper.server.ZooKeeperServerMain"
                         : "org.apache.zookeeper.server.quorum.QuorumPeerMain",
-        dir_ + "/zoo.cfg"};
+        dir_ + "/zoo.cfg",
+    };
     std::vector<char*> argv;
     for (std::string& arg : args) argv.push_back(arg.data());
     argv.push_back(nullptr);
@@ -156,6 +162,8 @@ class ServerNode {
     const long max_fd = sysconf(_SC_OPEN_MAX);
     const pid_t parent = getpid();
     const char* dir = dir_.c_str();
+    const std::string exec_error =
+        "korvel zk harness: cannot chdir to " + dir_ + " or exec " + args[0] + "\n";
 
     pid_t pid = fork();
     if (pid == 0) {
@@ -173,8 +181,7 @@ class ServerNode {
       sigemptyset(&none);
       sigprocmask(SIG_SETMASK, &none, nullptr);
       if (chdir(dir) == 0) execv(argv[0], argv.data());
-      const char msg[] = "korvel zk harness: chdir/exec of java failed\n";
-      ssize_t ignored = write(STDERR_FILENO, msg, sizeof(msg) - 1);
+      ssize_t ignored = write(STDERR_FILENO, exec_error.data(), exec_error.size());
       (void)ignored;
       _exit(127);
     }
@@ -604,10 +611,14 @@ bool ZooKeeperEnsemble::IsServing(int i) const {
 }
 
 int ZooKeeperEnsemble::Leader() const {
+  // A resumed (SIGCONT) old leader still says "leader" for ~100 ms before it steps down.
+  int leader = -1;
   for (size_t i = 0; i < nodes_.size(); ++i) {
-    if (nodes_[i]->Mode() == "leader") return static_cast<int>(i);
+    if (nodes_[i]->Mode() != "leader") continue;
+    if (leader >= 0) return -1;
+    leader = static_cast<int>(i);
   }
-  return -1;
+  return leader;
 }
 
 void ZooKeeperEnsemble::WaitForQuorum(milliseconds timeout) {

@@ -33,10 +33,11 @@ bool WaitUntil(const std::function<bool()>& pred, std::chrono::milliseconds time
                std::chrono::milliseconds step = std::chrono::milliseconds(10));
 
 // Forces the server-side expiry of another client's session, the usual way: a second handle
-// attaches to the same session id and password and closes it. Because the server hands the
-// session back and forth between the two connections, this repeats until a fresh handle is told
-// that the session has expired. Throws std::runtime_error if the first handle does not connect or
-// the session is not gone within `timeout`. The owner sees ZOO_EXPIRED_SESSION_STATE shortly after.
+// attaches to the same session id and password and closes it. The server hands the session back
+// and forth between the two connections, so this repeats until a fresh handle is told that the
+// session has expired (usually < 50 ms; rarely ~1 s in an ensemble). Throws std::runtime_error if
+// the first handle does not connect or the session is not gone within `timeout`. The owner then
+// sees ZOO_EXPIRED_SESSION_STATE when it reconnects, normally within milliseconds.
 void ExpireSession(const std::string& hosts, const clientid_t& id,
                    std::chrono::milliseconds timeout = std::chrono::seconds(10));
 
@@ -87,9 +88,10 @@ class ZooKeeperEnsemble {
   void Resume(int i);
   bool IsServing(int i) const;
 
-  // Index of the member whose `srvr` says "Mode: leader", or -1 if there is none.
+  // Index of the member whose `srvr` says "Mode: leader"; -1 if none does, or (briefly, e.g.
+  // right after a paused leader resumes) more than one.
   int Leader() const;
-  // Waits until some member leads and every running, unpaused member serves; throws
+  // Waits until exactly one member leads and every running, unpaused member serves; throws
   // std::runtime_error on timeout.
   void WaitForQuorum(std::chrono::milliseconds timeout);
 

@@ -18,10 +18,10 @@ LogLevel LevelFromEnvironment() {
   const char* text = std::getenv("KORVEL_LOG_LEVEL");
   if (text == nullptr || *text == '\0') return QXLOG_INFO;
   static const std::pair<const char*, LogLevel> kNames[] = {{"debug", QXLOG_DEBUG},
-                                                             {"info", QXLOG_INFO},
-                                                             {"warning", QXLOG_WARNING},
-                                                             {"error", QXLOG_ERROR},
-                                                             {"critical", QXLOG_CRITICAL}};
+                                                            {"info", QXLOG_INFO},
+                                                            {"warning", QXLOG_WARNING},
+                                                            {"error", QXLOG_ERROR},
+                                                            {"critical", QXLOG_CRITICAL}};
   for (const auto& [name, level] : kNames) {
     if (strcasecmp(text, name) == 0) return level;
   }
@@ -85,14 +85,22 @@ std::atomic<LogLevel> g_minLogLevel{LevelFromEnvironment()};
 
 const char* LevelName(LogLevel level) {
   switch (level) {
-    case QXLOG_DEBUG: return "DEBUG";
-    case QXLOG_INFO: return "INFO";
-    case QXLOG_INFO_LOCAL: return "INFO_LOCAL";
-    case QXLOG_INFO_SEARCH: return "INFO_SEARCH";
-    case QXLOG_WARNING: return "WARNING";
-    case QXLOG_ERROR: return "ERROR";
-    case QXLOG_CRITICAL: return "CRITICAL";
-    case QXLOG_WALL: return "WALL";
+    case QXLOG_DEBUG:
+      return "DEBUG";
+    case QXLOG_INFO:
+      return "INFO";
+    case QXLOG_INFO_LOCAL:
+      return "INFO_LOCAL";
+    case QXLOG_INFO_SEARCH:
+      return "INFO_SEARCH";
+    case QXLOG_WARNING:
+      return "WARNING";
+    case QXLOG_ERROR:
+      return "ERROR";
+    case QXLOG_CRITICAL:
+      return "CRITICAL";
+    case QXLOG_WALL:
+      return "WALL";
   }
   return "UNKNOWN";
 }
@@ -105,9 +113,13 @@ ConstSourcePtr Source::Reverse() const {
   return std::make_shared<const Source>(std::move(name));
 }
 
-void SetMinimumLoggingLevel(LogLevel level) { g_minLogLevel.store(level); }
+void SetMinimumLoggingLevel(LogLevel level) {
+  g_minLogLevel.store(level);
+}
 
-LogLevel GetMinimumLoggingLevel() { return g_minLogLevel.load(); }
+LogLevel GetMinimumLoggingLevel() {
+  return g_minLogLevel.load();
+}
 
 int AddLogHandler(LogHandler handler) {
   Handlers& handlers = TheHandlers();
@@ -123,7 +135,9 @@ void RemoveLogHandler(int id) {
   handlers.byId.erase(id);
 }
 
-void ForceLockHandlers() { TheHandlers(); }
+void ForceLockHandlers() {
+  TheHandlers();
+}
 
 void LogMessage(LogLevel level, unsigned int id, DecodeType decodeType,
                 const ConstSourcePtr& source, const char* filename, int lineNumber,

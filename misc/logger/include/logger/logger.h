@@ -19,6 +19,7 @@
 #include <functional>
 #include <memory>
 #include <ostream>
+#include <utility>
 
 #include <boost/io/ios_state.hpp>
 
@@ -74,7 +75,9 @@ class Source {
 };
 
 // A new root source named `name`.
-inline SourcePtr MakeSource(IPString name) { return std::make_shared<Source>(std::move(name)); }
+inline SourcePtr MakeSource(IPString name) {
+  return std::make_shared<Source>(std::move(name));
+}
 
 // One finished record as handlers see it. The references are valid only for
 // the duration of the handler call.
@@ -102,6 +105,8 @@ LogLevel GetMinimumLoggingLevel();
 // Adds a handler and returns its id for `RemoveLogHandler`. While no handler
 // is added, records go to a default handler that writes one line per record
 // to stderr. A handler that throws loses that record; the others still get it.
+// A handler must not add or remove handlers, and records it logs itself are
+// dropped.
 int AddLogHandler(LogHandler handler);
 // Removes the handler; an unknown id is ignored. When it returns, no other
 // thread is still inside that handler and it is never called again.
@@ -122,7 +127,15 @@ inline IPStringStream& GetThreadLocalStream() {
   return stream;
 }
 
-// One record under construction, alive for one log statement.
+// True while a record of the calling thread is being formatted in its stream.
+inline bool& ThreadLocalStreamInUse() {
+  thread_local bool inUse = false;
+  return inUse;
+}
+
+// One record under construction, alive for one log statement. A record made
+// while another one of the thread is being formatted (an operand that logs)
+// formats in a stream of its own.
 class Logger {
  public:
   Logger(LogLevel level, unsigned int id, DecodeType decodeType, const ConstSourcePtr& source,
@@ -133,7 +146,9 @@ class Logger {
         m_filename(filename),
         m_lineNumber(lineNumber),
         m_source(source),
-        m_stream(GetThreadLocalStream()),
+        m_nested(std::exchange(ThreadLocalStreamInUse(), true)),
+        m_ownStream(m_nested ? std::make_unique<IPStringStream>() : nullptr),
+        m_stream(m_nested ? *m_ownStream : GetThreadLocalStream()),
         m_saver(m_stream),
         m_handlerName(handlerName) {}
   Logger(const Logger&) = delete;
@@ -146,6 +161,7 @@ class Logger {
                m_handlerName);
     Reset(m_stream, kKeptCapacity);
     m_saver.restore();
+    if (!m_nested) ThreadLocalStreamInUse() = false;
   }
 
   std::ostream& Stream() { return m_stream; }
@@ -160,8 +176,12 @@ class Logger {
   const char* m_filename;
   int m_lineNumber;
   ConstSourcePtr m_source;
+  bool m_nested;
+  std::unique_ptr<IPStringStream> m_ownStream;
   IPStringStream& m_stream;
-  boost::io::ios_base_all_saver m_saver;
+  // Flags, precision, width, fill and locale: a manipulator used in one record
+  // never leaks into the next.
+  boost::io::ios_all_saver m_saver;
   const String m_handlerName;
 };
 
@@ -183,5 +203,5 @@ inline bool IsLogged(LogLevel level) {
       ? (void)0                                                                            \
       : ::qx::logging::VoidifyStream() &                                                   \
             ::qx::logging::Logger((level), 0, ::qx::logging::QXLOG_DECODE_AS_KV, (source), \
-                                  __FILE__, __LINE__, ::qx::String())                     \
+                                  __FILE__, __LINE__, ::qx::String())                      \
                 .Stream()
