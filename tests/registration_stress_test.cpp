@@ -1,0 +1,329 @@
+// Registration of one service type under concurrency, against a real
+// standalone server: threads register and shut down instances while child
+// processes (registration_child, beside this executable) register and are
+// killed with SIGKILL. Live instances must keep their nodes; what a crashed
+// instance left must be gone once a later registration has cleaned up.
+// Also counts the requests the cleanup makes.
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <deque>
+#include <future>
+#include <iostream>
+#include <map>
+#include <random>
+#include <stdexcept>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include "korvel/service.h"
+#include "korvel/utils.h"
+#include "stlext/uuid.h"
+#include "util/test_util.h"
+
+namespace korvel::test {
+namespace {
+
+using qx::korvel::Connection;
+using qx::korvel::Service;
+using qx::logging::LogLevel;
+
+const ACL_vector& kAcl = ZOO_OPEN_ACL_UNSAFE;
+
+constexpr int kRounds = 20;
+constexpr int kThreads = 4;
+constexpr std::size_t kKeptPerThread = 2;  // older instances of a thread are shut down
+constexpr auto kTimeBudget = 40s;          // no new round starts after this
+
+// Sets the minimum log level for its lifetime.
+class LogLevelScope {
+ public:
+  explicit LogLevelScope(LogLevel level) : m_previous(qx::logging::GetMinimumLoggingLevel()) {
+    qx::logging::SetMinimumLoggingLevel(level);
+  }
+  ~LogLevelScope() { qx::logging::SetMinimumLoggingLevel(m_previous); }
+
+ private:
+  LogLevel m_previous;
+};
+
+std::string ChildProgram() {
+  char exe[4096];
+  const ssize_t n = readlink("/proc/self/exe", exe, sizeof exe);
+  if (n <= 0) return "";
+  const std::string self(exe, n);
+  return self.substr(0, self.rfind('/') + 1) + "registration_child";
+}
+
+// A running registration_child, killed with SIGKILL and reaped at the latest
+// when the object goes (and by the kernel if this thread dies first).
+class Child {
+ public:
+  explicit Child(const std::vector<std::string>& args) {
+    std::vector<char*> argv;
+    for (const auto& arg : args) argv.push_back(const_cast<char*>(arg.c_str()));
+    argv.push_back(nullptr);
+    int in[2];
+    int out[2];
+    if (pipe2(in, O_CLOEXEC) != 0) throw std::runtime_error("pipe2 failed");
+    if (pipe2(out, O_CLOEXEC) != 0) {
+      close(in[0]);
+      close(in[1]);
+      throw std::runtime_error("pipe2 failed");
+    }
+    const pid_t parent = getpid();
+    m_pid = fork();
+    if (m_pid == 0) {
+      // Async-signal-safe calls only until exec.
+      prctl(PR_SET_PDEATHSIG, SIGKILL);
+      if (getppid() != parent) _exit(126);
+      dup2(in[0], STDIN_FILENO);
+      dup2(out[1], STDOUT_FILENO);
+      execv(argv[0], argv.data());
+      _exit(127);
+    }
+    close(in[0]);
+    close(out[1]);
+    m_in = in[1];
+    m_out = out[0];
+    if (m_pid < 0) {
+      close(m_in);
+      close(m_out);
+      throw std::runtime_error("fork failed");
+    }
+  }
+  ~Child() {
+    Kill();
+    close(m_in);
+    close(m_out);
+  }
+  Child(const Child&) = delete;
+  Child& operator=(const Child&) = delete;
+
+  // The next line it prints, without the newline; "" on end of file or timeout.
+  std::string ReadLine(std::chrono::milliseconds timeout) {
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    for (;;) {
+      const auto newline = m_buffer.find('\n');
+      if (newline != std::string::npos) {
+        std::string line = m_buffer.substr(0, newline);
+        m_buffer.erase(0, newline + 1);
+        return line;
+      }
+      const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+          deadline - std::chrono::steady_clock::now());
+      pollfd fd{m_out, POLLIN, 0};
+      if (left.count() <= 0 || poll(&fd, 1, static_cast<int>(left.count())) != 1) return "";
+      char chunk[256];
+      const ssize_t n = read(m_out, chunk, sizeof chunk);
+      if (n <= 0) return "";
+      m_buffer.append(chunk, n);
+    }
+  }
+  // Lets it register.
+  void Go() {
+    const char go = 'g';
+    EXPECT_EQ(write(m_in, &go, 1), 1);
+  }
+  void Kill() {
+    if (m_pid <= 0) return;
+    kill(m_pid, SIGKILL);
+    waitpid(m_pid, nullptr, 0);
+    m_pid = -1;
+  }
+
+ private:
+  pid_t m_pid = -1;
+  int m_in = -1;
+  int m_out = -1;
+  std::string m_buffer;
+};
+
+std::string Text(const qx::korvel::ServiceId& id) { return qx::uuid::to_string(id); }
+
+TEST(RegistrationStressTest, LiveInstancesStayAndCrashedOnesAreCleanedUp) {
+  const std::string program = ChildProgram();
+  ASSERT_EQ(access(program.c_str(), X_OK), 0) << "missing " << program;
+  signal(SIGPIPE, SIG_IGN);  // a child may be gone when it is written to
+  LogLevelScope quiet(qx::logging::QXLOG_WARNING);
+
+  const std::string hosts = SharedServer().ConnectString();
+  const std::string type = UniqueName("stress");
+  const std::string srv = "/srv/" + type;
+  const std::string alive = "/srv/alive/" + type;
+  // Children's session markers: one ephemeral node each.
+  const std::string markers = "/korvel-stress/" + type;
+  auto checker = Connect(hosts);
+  const auto exists = [&](const std::string& path) {
+    return checker->Exists(path, nullptr) == ZOK;
+  };
+  std::vector<std::shared_ptr<Connection>> conns;
+  for (int i = 0; i < kThreads; ++i) conns.push_back(Connect(hosts));
+
+  std::vector<std::deque<std::shared_ptr<Service>>> live(kThreads);
+  std::vector<std::vector<std::string>> shutDown(kThreads);  // ids, per thread
+  std::vector<std::string> crashed;  // killed children of the last round
+  std::vector<std::string> expired;  // crashed, and their sessions are over
+  int leftovers = 0;                 // data nodes that crashed children left
+  std::mt19937 random(std::random_device{}());
+  const auto start = std::chrono::steady_clock::now();
+
+  // Waits until the sessions of the crashed children are over: from then on
+  // their data nodes are leftovers for the next registration to remove.
+  const auto awaitCrashedSessions = [&] {
+    for (const auto& id : crashed) {
+      EXPECT_TRUE(WaitUntil([&] { return !exists(markers + "/" + id); }, 10s)) << id;
+      EXPECT_FALSE(exists(alive + "/" + id)) << id;
+      if (exists(srv + "/" + id)) ++leftovers;
+    }
+    expired = std::move(crashed);
+    crashed.clear();
+  };
+
+  int rounds = 0;
+  while (rounds < kRounds && std::chrono::steady_clock::now() - start < kTimeBudget &&
+         !::testing::Test::HasFailure()) {
+    ++rounds;
+    // This round's children connect while the last round's sessions expire.
+    std::vector<std::unique_ptr<Child>> children;
+    std::vector<std::string> childIds;
+    for (int c = 0; c < 2; ++c) {
+      childIds.push_back(Text(qx::korvel::RandomServiceId()));
+      children.push_back(std::make_unique<Child>(std::vector<std::string>{
+          program, hosts, type, childIds.back(), markers + "/" + childIds.back()}));
+    }
+    for (auto& child : children) ASSERT_EQ(child->ReadLine(10s), "ready");
+    awaitCrashedSessions();
+
+    // All at once: each thread registers an instance and shuts down its
+    // oldest one; both children register. One child is killed at a random
+    // moment (maybe halfway through), the other once it has registered.
+    std::promise<void> gate;
+    const std::shared_future<void> opened = gate.get_future().share();
+    std::vector<std::string> errors(kThreads);
+    std::vector<std::thread> threads;
+    for (int i = 0; i < kThreads; ++i) {
+      threads.emplace_back([&, i] {
+        opened.wait_for(10s);
+        try {
+          live[i].push_back(std::make_shared<Service>(conns[i], type, "stress"));
+          if (live[i].size() > kKeptPerThread) {
+            shutDown[i].push_back(Text(live[i].front()->GetId()));
+            live[i].pop_front();  // the destructor runs here
+          }
+        } catch (const std::exception& e) {
+          errors[i] = e.what();
+        }
+      });
+    }
+    gate.set_value();
+    for (auto& child : children) child->Go();
+    std::this_thread::sleep_for(std::chrono::milliseconds(random() % 20));
+    children[0]->Kill();
+    EXPECT_EQ(children[1]->ReadLine(10s), "registered");
+    children[1]->Kill();
+    for (auto& thread : threads) thread.join();
+    crashed = childIds;
+
+    for (int i = 0; i < kThreads; ++i) {
+      EXPECT_EQ(errors[i], "") << "thread " << i << ", round " << rounds;
+      for (const auto& service : live[i]) {
+        const std::string id = Text(service->GetId());
+        EXPECT_TRUE(exists(service->GetRoot())) << id << ", round " << rounds;
+        EXPECT_EQ(EphemeralOwner(*checker, alive + "/" + id), conns[i]->ClientId().client_id)
+            << id << ", round " << rounds;
+      }
+      for (const auto& id : shutDown[i]) {
+        EXPECT_FALSE(exists(srv + "/" + id)) << id << ", round " << rounds;
+        EXPECT_FALSE(exists(alive + "/" + id)) << id << ", round " << rounds;
+      }
+    }
+    for (const auto& id : expired) {
+      EXPECT_FALSE(exists(srv + "/" + id)) << "crashed " << id << ", round " << rounds;
+    }
+  }
+
+  // The last round's crashed instances: one more registration cleans up.
+  awaitCrashedSessions();
+  auto last = std::make_shared<Service>(conns[0], type, "last");
+  for (const auto& id : expired) EXPECT_FALSE(exists(srv + "/" + id)) << "crashed " << id;
+  // Every round's registered child left a data node behind.
+  EXPECT_GE(leftovers, rounds);
+
+  // Shut down the rest: nothing of the type remains.
+  last.reset();
+  for (auto& services : live) services.clear();
+  std::vector<qx::String> remaining;
+  EXPECT_EQ(checker->GetChildren(srv, remaining), ZOK);
+  EXPECT_EQ(checker->GetChildren(alive, remaining), ZOK);
+  EXPECT_TRUE(remaining.empty()) << remaining.size() << " nodes left";
+
+  const auto elapsed = std::chrono::steady_clock::now() - start;
+  std::cout << rounds << " rounds, " << leftovers << " leftovers cleaned up, "
+            << std::chrono::duration_cast<std::chrono::milliseconds>(elapsed).count() << " ms\n";
+  EXPECT_GE(rounds, 5);
+  qx::korvel::RecursiveDelete(*checker, srv);
+  qx::korvel::RecursiveDelete(*checker, alive);
+  qx::korvel::RecursiveDelete(*checker, markers);
+}
+
+TEST(RegistrationCleanupTest, TwoListingsAndOneRecursiveDeletePerLeftover) {
+  const std::string hosts = SharedServer().ConnectString();
+  const std::string type = UniqueName("cleanup");
+  const std::string srv = "/srv/" + type;
+  const std::string alive = "/srv/alive/" + type;
+
+  // A live instance of another session, registered first: its own
+  // registration would clean up the leftovers.
+  auto other = Connect(hosts);
+  auto liveService = std::make_shared<Service>(other, type, "live");
+  // Leftovers: data nodes with a subtree and no liveness node.
+  auto conn = Connect(hosts);
+  std::vector<std::string> leftovers;
+  for (int i = 0; i < 3; ++i) {
+    leftovers.push_back(srv + "/" + Text(qx::korvel::RandomServiceId()));
+    qx::korvel::EnsurePath(*conn, leftovers.back() + "/child/grandchild", false, kAcl);
+    ASSERT_EQ(conn->Create(leftovers.back() + "/status", "up", kAcl, 0, nullptr), ZOK);
+  }
+
+  std::mutex mutex;
+  std::map<std::string, int> listings;
+  std::map<std::string, int> deletes;
+  conn->SetFaultInjector([&](Connection::Operation op, const qx::String& path) {
+    std::lock_guard<std::mutex> lock(mutex);
+    if (op == Connection::Operation::GetChildren) ++listings[path];
+    if (op == Connection::Operation::Delete) ++deletes[path];
+    return std::optional<int>();
+  });
+  auto service = std::make_shared<Service>(conn, type, "counted");
+  conn->SetFaultInjector(nullptr);
+
+  EXPECT_EQ(listings[srv], 1);
+  EXPECT_EQ(listings[alive], 1);
+  for (const auto& leftover : leftovers) {
+    // RecursiveDelete lists the leftover itself once and deletes it once.
+    EXPECT_EQ(listings[leftover], 1) << leftover;
+    EXPECT_EQ(deletes[leftover], 1) << leftover;
+    EXPECT_EQ(conn->Exists(leftover, nullptr), ZNONODE) << leftover;
+  }
+  // The live instance is untouched.
+  EXPECT_EQ(listings[liveService->GetRoot()], 0);
+  EXPECT_EQ(deletes[liveService->GetRoot()], 0);
+  std::vector<qx::String> attributes;
+  EXPECT_EQ(conn->GetChildren(liveService->GetRoot(), attributes), ZOK);
+  EXPECT_FALSE(attributes.empty());
+  EXPECT_EQ(conn->Exists(service->GetRoot(), nullptr), ZOK);
+
+  service.reset();
+  liveService.reset();
+  qx::korvel::RecursiveDelete(*conn, srv);
+  qx::korvel::RecursiveDelete(*conn, alive);
+}
+
+}  // namespace
+}  // namespace korvel::test
