@@ -3,7 +3,10 @@
 #include <gtest/gtest.h>
 
 #include "korvel/connection_v2.h"
+#include "korvel/error.h"
+#include "korvel/service.h"
 #include "korvel/utils.h"
+#include "stlext/uuid.h"
 #include "util/test_util.h"
 
 namespace korvel::test {
@@ -78,6 +81,93 @@ TEST_F(EnsembleTest, ForcedExpiryOnTheEnsembleGivesAWorkingNewSession) {
   // ensuring it again must leave it owned by the new session.
   qx::korvel::EnsurePath(*conn, alive, true, ZOO_OPEN_ACL_UNSAFE);
   EXPECT_EQ(conn->ClientId().client_id, EphemeralOwner(*conn, alive));
+}
+
+TEST_F(EnsembleTest, RegistrationAndCleanupOnTheEnsemble) {
+  auto conn = Connect(ensemble->ConnectString(), 4000ms);
+  const std::string type = UniqueName("ens-svc");
+  const std::string leftover =
+      "/srv/" + type + "/" + qx::uuid::to_string(qx::korvel::RandomServiceId());
+  qx::korvel::EnsurePath(*conn, leftover + "/app/port", false, ZOO_OPEN_ACL_UNSAFE);
+
+  auto service = std::make_shared<qx::korvel::Service>(conn, type, "on-ensemble");
+  EXPECT_EQ(ZNONODE, conn->Exists(leftover, nullptr));
+  EXPECT_EQ(
+      conn->ClientId().client_id,
+      EphemeralOwner(*conn, "/srv/alive/" + type + "/" + qx::uuid::to_string(service->GetId())));
+  auto reader = Connect(ensemble->ConnectString(), 4000ms);
+  qx::korvel::OldServiceWatcher watcher(reader, type);
+  auto [rc, instances] = watcher.List();
+  ASSERT_EQ(ZOK, rc);
+  EXPECT_EQ(std::vector<qx::korvel::ServiceId>{service->GetId()}, instances);
+}
+
+// The writer and the reader keep working while any one member is down.
+TEST_F(EnsembleTest, ServiceStaysListedThroughTheLossOfAnyMember) {
+  auto conn = Connect(ensemble->ConnectString(), 6000ms);
+  auto reader = Connect(ensemble->ConnectString(), 6000ms);
+  const std::string type = UniqueName("failover");
+  auto service = std::make_shared<qx::korvel::Service>(conn, type, "steady");
+  service->RegisterForSessionEvent();
+  qx::korvel::OldServiceWatcher watcher(reader, type);
+  const auto session = conn->ClientId().client_id;
+
+  std::vector<int> order{ensemble->Leader()};
+  ASSERT_GE(order[0], 0);
+  for (int i = 0; i < ensemble->Size(); ++i) {
+    if (i != order[0]) order.push_back(i);
+  }
+  for (int member : order) {
+    ensemble->Stop(member);
+    const auto status =
+        member % 2 ? qx::korvel::Service::UP : qx::korvel::Service::UP_SENDING_DISABLED;
+    EXPECT_TRUE(WaitUntil(
+        [&] {
+          try {
+            service->SetStatus(status);
+            return true;
+          } catch (const qx::korvel::KorvelError&) {
+            return false;  // the client is still moving to another member
+          }
+        },
+        20000ms))
+        << "member " << member;
+    EXPECT_TRUE(WaitUntil(
+        [&] {
+          auto [rc, instances] = watcher.List();
+          if (rc != ZOK || instances != std::vector<qx::korvel::ServiceId>{service->GetId()}) {
+            return false;
+          }
+          auto [readRc, value] = watcher.GetAttribute(service->GetId(), "status");
+          return readRc == ZOK && value == qx::korvel::Service::StatusToString(status);
+        },
+        20000ms))
+        << "member " << member;
+    ensemble->Start(member);
+    ensemble->WaitForQuorum(30000ms);
+  }
+  EXPECT_EQ(session, conn->ClientId().client_id);
+}
+
+TEST_F(EnsembleTest, ExpiryOnTheEnsembleRegistersTheServiceAgain) {
+  auto conn = Connect(ensemble->ConnectString(), 4000ms);
+  const std::string type = UniqueName("ens-expiry");
+  auto service = std::make_shared<qx::korvel::Service>(conn, type, "x");
+  service->RegisterForSessionEvent();
+  service->SetStatus(qx::korvel::Service::UP);
+  const std::string alive = "/srv/alive/" + type + "/" + qx::uuid::to_string(service->GetId());
+  const auto old = conn->ClientId().client_id;
+  ExpireSession(ensemble->ConnectString(), conn->ClientId());
+  ASSERT_TRUE(WaitUntil(
+      [&] {
+        const auto fresh = conn->ClientId().client_id;
+        return fresh != old && EphemeralOwner(*conn, service->GetRoot() + "/start_time") == fresh;
+      },
+      20000ms));
+  EXPECT_EQ(conn->ClientId().client_id, EphemeralOwner(*conn, alive));
+  std::string status;
+  ASSERT_EQ(ZOK, conn->Get(service->GetRoot() + "/status", status, nullptr));
+  EXPECT_EQ("down", status);
 }
 
 }  // namespace

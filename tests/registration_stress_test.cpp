@@ -144,6 +144,17 @@ class Child {
   std::string m_buffer;
 };
 
+// A fault injector that injects no fault, only a pause of up to 10 ms before
+// each listing: a registration's listings then see others' progress at
+// varied points.
+std::optional<int> RandomDelay(Connection::Operation op, const qx::String&) {
+  thread_local std::mt19937 random(std::random_device{}());
+  if (op == Connection::Operation::GetChildren) {
+    std::this_thread::sleep_for(std::chrono::microseconds(random() % 10000));
+  }
+  return std::nullopt;
+}
+
 std::string Text(const qx::korvel::ServiceId& id) { return qx::uuid::to_string(id); }
 
 TEST(RegistrationStressTest, LiveInstancesStayAndCrashedOnesAreCleanedUp) {
@@ -164,6 +175,10 @@ TEST(RegistrationStressTest, LiveInstancesStayAndCrashedOnesAreCleanedUp) {
   };
   std::vector<std::shared_ptr<Connection>> conns;
   for (int i = 0; i < kThreads; ++i) conns.push_back(Connect(hosts));
+  // Half of the threads pause before their listings, so that registrations
+  // interleave in many ways. (With an injector set, deletes go one by one;
+  // the other threads still delete in batches.)
+  for (int i = 0; i < kThreads / 2; ++i) conns[i]->SetFaultInjector(RandomDelay);
 
   std::vector<std::deque<std::shared_ptr<Service>>> live(kThreads);
   std::vector<std::vector<std::string>> shutDown(kThreads);  // ids, per thread
@@ -208,8 +223,10 @@ TEST(RegistrationStressTest, LiveInstancesStayAndCrashedOnesAreCleanedUp) {
     std::vector<std::string> errors(kThreads);
     std::vector<std::thread> threads;
     for (int i = 0; i < kThreads; ++i) {
-      threads.emplace_back([&, i] {
+      const auto offset = std::chrono::microseconds(random() % 5000);
+      threads.emplace_back([&, i, offset] {
         opened.wait_for(10s);
+        std::this_thread::sleep_for(offset);
         try {
           live[i].push_back(std::make_shared<Service>(conns[i], type, "stress"));
           if (live[i].size() > kKeptPerThread) {
