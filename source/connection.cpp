@@ -21,8 +21,11 @@ using logging::QXLOG_ERROR;
 using logging::QXLOG_INFO;
 using logging::QXLOG_WARNING;
 
-const logging::ConstSourcePtr g_log = logging::MakeSource("korvel.connection");
-const logging::ConstSourcePtr g_clientLog = logging::MakeSource("zookeeper.client");
+// Never destroyed: the client's threads may still log while the process exits.
+const logging::ConstSourcePtr& g_log =
+    *new logging::ConstSourcePtr(logging::MakeSource("korvel.connection"));
+const logging::ConstSourcePtr& g_clientLog =
+    *new logging::ConstSourcePtr(logging::MakeSource("zookeeper.client"));
 
 // ---- The C client's own log lines --------------------------------------------
 

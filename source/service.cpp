@@ -26,8 +26,8 @@ const logging::ConstSourcePtr g_log = logging::MakeSource("korvel.service");
 // Values are read into a buffer of this size first; Get grows it as needed.
 constexpr std::size_t kAttributeBuffer = 22;
 
-const String kRootPath = "/srv/";
-const String kAlivePath = "/srv/alive/";
+constexpr char kRootPath[] = "/srv/";
+constexpr char kAlivePath[] = "/srv/alive/";
 
 using logging::QXLOG_DEBUG;
 using logging::QXLOG_ERROR;
@@ -128,8 +128,9 @@ void Service::Init() {
   char startTimeBuf[64];
   std::time_t rawtime;
   std::time(&rawtime);
-  const std::tm* ptm = std::gmtime(&rawtime);
-  std::strftime(startTimeBuf, sizeof startTimeBuf, "%Y-%m-%d %H:%M:%S.%u", ptm);
+  std::tm ptm{};
+  gmtime_r(&rawtime, &ptm);  // registrations run on several threads at once
+  std::strftime(startTimeBuf, sizeof startTimeBuf, "%Y-%m-%d %H:%M:%S.%u", &ptm);
   CreateOrSet(m_root + "/start_time", startTimeBuf);
 
   // The recipe name and the version may stand in files beside the directory

@@ -10,7 +10,10 @@ namespace {
 
 using logging::QXLOG_ERROR;
 
-const logging::ConstSourcePtr g_log = logging::MakeSource("korvel.utils");
+// Never destroyed: the helpers may run on the client's threads while the
+// process exits.
+const logging::ConstSourcePtr& g_log =
+    *new logging::ConstSourcePtr(logging::MakeSource("korvel.utils"));
 
 // A subtree that keeps gaining children while it is deleted is given up after
 // this many passes.

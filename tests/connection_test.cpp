@@ -340,34 +340,39 @@ TEST_F(ConnectionTest, CancelDuringTheCallbackDefersTheCompletion) {
   EXPECT_TRUE(completionSawCallbackDone.load());
 }
 
-// Cancelling races the firing: whatever wins, a callback never starts after
-// the handle's destruction has returned.
+// Cancelling races the firing: whatever wins, a callback that was not running
+// when Cancel returned is never started afterwards.
 TEST_F(ConnectionTest, CancellationRacingTheCallbackNeverRunsItLate) {
   const std::string node = base + "/race";
   ASSERT_EQ(ZOK, conn->Create(node, "", ZOO_OPEN_ACL_UNSAFE, 0, nullptr));
   auto writer = Connect(SharedServer().ConnectString());
   std::atomic<int> late{0};
   std::atomic<int> ran{0};
-  for (int round = 0; round < 100; ++round) {
-    auto destroyed = std::make_shared<std::atomic<bool>>(false);
+  int cancelledWhileRunning = 0;
+  for (int round = 0; round < 200; ++round) {
+    auto cancelled = std::make_shared<std::atomic<bool>>(false);
     std::string value;
     auto [rc, handle] = conn->Get(
         node, value,
-        [destroyed, &late, &ran](int, int, std::string) {
-          if (destroyed->load()) late++;
+        [cancelled, &late, &ran](int, int, std::string) {
+          if (cancelled->load()) late++;
           ran++;
         },
         nullptr);
     ASSERT_EQ(ZOK, rc);
     std::thread change([&] { writer->Set(node, std::to_string(round), -1); });
-    std::this_thread::sleep_for(std::chrono::microseconds(round * 10));
-    { Connection::WatchHandle gone(std::move(handle)); }
-    destroyed->store(true);
+    std::this_thread::sleep_for(std::chrono::microseconds(round * 5));
+    if (handle.Cancel(nullptr)) {
+      ++cancelledWhileRunning;  // it was running: it may finish, it was not started late
+    } else {
+      cancelled->store(true);
+    }
     change.join();
   }
   std::this_thread::sleep_for(200ms);
   EXPECT_EQ(0, late.load());
   RecordProperty("callbacks_that_ran", ran.load());
+  RecordProperty("cancelled_while_running", cancelledWhileRunning);
 }
 
 TEST_F(ConnectionTest, ThrowingCallbackIsLoggedAndContained) {

@@ -284,8 +284,8 @@ TEST_F(ServicePlatformTest, ReadlinkFailureStopsTheRegistration) {
   EXPECT_EQ(errors[0].message, "failed to read link, linkName=/proc/self/exe, errno=13, " +
                                    std::string(std::strerror(13)));
   // Neither the recipe name (even from the environment) nor the version.
-  EXPECT_EQ(Attributes(), (std::set<std::string>{"status", "service_name", "hostname", "pid",
-                                                 "start_time"}));
+  EXPECT_EQ(Attributes(),
+            (std::set<std::string>{"status", "service_name", "hostname", "pid", "start_time"}));
 }
 
 // The executable seems to be D/bin/prog, so that D/CHEF_RECIPE_NAME and
@@ -332,6 +332,9 @@ TEST_F(FakeExecutableTest, NoFilesNoRecipeNoVersionNoLog) {
   EXPECT_EQ(Attributes(),
             (std::set<std::string>{"status", "service_name", "hostname", "pid", "start_time"}));
   EXPECT_TRUE(WarningsOrWorse(capture).empty());
+  for (const auto& record : capture.FromSource("korvel.service")) {
+    EXPECT_EQ(record.message.rfind("Initializing Korvel Service", 0), 0u) << record.message;
+  }
   ExpectNodeKinds();
 }
 
@@ -348,6 +351,7 @@ TEST_F(FakeExecutableTest, VersionWithEmptyFirstLineIsNotWritten) {
   auto service = Register();
   EXPECT_EQ(Attributes(),
             (std::set<std::string>{"status", "service_name", "hostname", "pid", "start_time"}));
+  ExpectNodeKinds();
 }
 
 }  // namespace

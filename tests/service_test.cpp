@@ -136,7 +136,7 @@ TEST_F(ServiceTest, TheTypeAliveIsRefused) {
     } catch (const KorvelError& e) {
       EXPECT_STREQ("application cannot be named 'alive'", e.what());
     }
-    EXPECT_TRUE(capture.Records().empty()) << stype;
+    EXPECT_TRUE(capture.FromSource("korvel.service").empty()) << stype;
   }
   EXPECT_FALSE(Exists("/srv/alive/alive"));
   // Only the exact text is refused.
@@ -425,9 +425,10 @@ TEST_F(ServiceTest, CleanupDeletesAlsoWhenItsRecordIsFilteredOut) {
 TEST_F(ServiceTest, RegistrationRemovesACrashedInstancesLeftover) {
   // A crashed instance: its session ended without teardown.
   std::string crashedRoot;
+  std::unique_ptr<Service> crashed;  // destroyed only after the checks
   {
     auto crashedConn = Connect(SharedServer().ConnectString());
-    auto crashed = new Service(crashedConn, type, "crashed");  // never destroyed
+    crashed = std::make_unique<Service>(crashedConn, type, "crashed");
     crashed->SetChildAttribute("app", "port", "1");
     crashedRoot = crashed->GetRoot();
     ExpireSession(SharedServer().ConnectString(), crashedConn->ClientId());
