@@ -10,11 +10,17 @@
 
 #include "korvel/connection_v2.h"
 #include "logger/logger.h"
-#include "util/zk_harness.h"
+#include "zklocal/zklocal.h"
 
 namespace korvel::test {
 
 using namespace std::chrono_literals;
+using zklocal::ExpireSession;
+using zklocal::FourLetterWord;
+using zklocal::FreeLoopbackPort;
+using zklocal::WaitUntil;
+using zklocal::ZooKeeperEnsemble;
+using zklocal::ZooKeeperServer;
 
 // The standalone server shared by all tests of one test binary: started on
 // first use, stopped when the binary exits.

@@ -1,14 +1,15 @@
-// Test harness that runs real Apache ZooKeeper servers (standalone or a quorum) on 127.0.0.1.
+// Runs real Apache ZooKeeper servers (Debian's package; standalone or a quorum) on 127.0.0.1,
+// for the tests, the benchmarks and the demo, and forces session expiries the standard way.
 //
 // Each server is a JVM child process with its own temporary directory (config, data, log). Every
 // wait is bounded; every server is stopped by its owner's destructor, and the child is killed by
-// the kernel if the thread that started it dies (PR_SET_PDEATHSIG), so nothing outlives the test.
+// the kernel if the thread that started it dies (PR_SET_PDEATHSIG), so nothing outlives its owner.
 //
-// Thread-safety: none. Create, control and destroy servers from the test's main thread only (the
+// Thread-safety: none. Create, control and destroy servers from the main thread only (the
 // parent-death signal is tied to the thread that forked the server). The free functions
 // FreeLoopbackPort, FourLetterWord, WaitUntil and ExpireSession may be called from any thread.
-#ifndef KORVEL_TESTS_UTIL_ZK_HARNESS_H_
-#define KORVEL_TESTS_UTIL_ZK_HARNESS_H_
+#ifndef KORVEL_TOOLS_ZKLOCAL_ZKLOCAL_H_
+#define KORVEL_TOOLS_ZKLOCAL_ZKLOCAL_H_
 
 #include <sys/types.h>
 #include <zookeeper/zookeeper.h>
@@ -19,7 +20,7 @@
 #include <string>
 #include <vector>
 
-namespace korvel::test {
+namespace korvel::zklocal {
 
 // Returns a TCP port that was free on 127.0.0.1 a moment ago (bind to port 0, read, close).
 int FreeLoopbackPort();
@@ -99,6 +100,6 @@ class ZooKeeperEnsemble {
   std::vector<std::unique_ptr<ServerNode>> nodes_;
 };
 
-}  // namespace korvel::test
+}  // namespace korvel::zklocal
 
-#endif  // KORVEL_TESTS_UTIL_ZK_HARNESS_H_
+#endif  // KORVEL_TOOLS_ZKLOCAL_ZKLOCAL_H_

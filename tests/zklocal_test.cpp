@@ -11,9 +11,9 @@
 #include <mutex>
 #include <string>
 
-#include "tests/util/zk_harness.h"
+#include "zklocal/zklocal.h"
 
-namespace korvel::test {
+namespace korvel::zklocal {
 namespace {
 
 using namespace std::chrono_literals;
@@ -207,4 +207,4 @@ TEST(ZooKeeperEnsembleTest, ElectsLeaderAndSurvivesLosingIt) {
 }
 
 }  // namespace
-}  // namespace korvel::test
+}  // namespace korvel::zklocal

@@ -1,4 +1,4 @@
-#include "tests/util/zk_harness.h"
+#include "zklocal/zklocal.h"
 
 #include <arpa/inet.h>
 #include <fcntl.h>
@@ -27,7 +27,7 @@
 #include <thread>
 #include <utility>
 
-namespace korvel::test {
+namespace korvel::zklocal {
 namespace {
 
 namespace fs = std::filesystem;
@@ -636,4 +636,4 @@ void ZooKeeperEnsemble::WaitForQuorum(milliseconds timeout) {
   throw std::runtime_error(error);
 }
 
-}  // namespace korvel::test
+}  // namespace korvel::zklocal
