@@ -8,7 +8,9 @@
 #include <cstring>
 #include <deque>
 #include <map>
+#include <set>
 #include <thread>
+#include <unordered_set>
 
 #include "korvel/error.h"
 #include "logger/logger.h"
@@ -154,6 +156,43 @@ class Latch {
   std::condition_variable m_cv;
   std::size_t m_count;
 };
+
+// One request of a pipelined batch: its result code, and where its
+// completion stores what it read.
+struct AsyncSlot {
+  int* rc = nullptr;
+  Latch* latch = nullptr;
+  void* out = nullptr;
+
+  static AsyncSlot& From(const void* data) {
+    return *static_cast<AsyncSlot*>(const_cast<void*>(data));
+  }
+  void Complete(int code) {
+    *rc = code;
+    latch->CountDown();
+  }
+};
+
+std::optional<int> Submitted(int rc) {
+  return rc == ZOK ? std::nullopt : std::optional<int>(rc);
+}
+
+// Sends every request of a batch, request i through submit(i, slot), and waits
+// until each has completed; results[i] receives request i's code. `submit`
+// returns nullopt when the request was sent (its completion calls
+// slot.Complete), or the code of a request that ends without being sent.
+// Never on the event thread: it would wait for completions it must deliver.
+template <typename Submit>
+void RunPipelined(std::vector<int>& results, Submit submit) {
+  Latch latch(results.size());
+  std::vector<AsyncSlot> slots(results.size());
+  for (std::size_t i = 0; i < results.size(); ++i) {
+    slots[i].rc = &results[i];
+    slots[i].latch = &latch;
+    if (auto rc = submit(i, slots[i])) slots[i].Complete(*rc);
+  }
+  latch.Wait();
+}
 
 // Codes that say the request may not have reached the server, rather than
 // that the server refused it.
@@ -333,7 +372,7 @@ class Connection::Impl {
     auto ctx = std::make_shared<WatchContext>(m_self, std::move(func));
     if (auto rc = Injected(op, path)) return {*rc, WatchHandle(std::move(ctx))};
     const auto session = Current();
-    const std::uint64_t id = AddWatch(ctx, session.get(), path);
+    const std::uint64_t id = AddWatch(ctx, session.get(), path, WatchTypeOf(op));
     const auto [rc, set] =
         call(session->zh, &Impl::OnPathWatch, reinterpret_cast<void*>(static_cast<uintptr_t>(id)));
     if (!set) TakeWatch(id);
@@ -345,6 +384,7 @@ class Connection::Impl {
     std::shared_ptr<WatchContext> ctx;
     const Session* session;
     String path;
+    ZooWatcherType type;
   };
 
   // Must be called with m_sessionMutex held, so that the new session's
@@ -459,8 +499,12 @@ class Connection::Impl {
     watch.ctx->Invoke(type, state, path ? path : watch.path);
   }
 
+  static ZooWatcherType WatchTypeOf(Operation op) {
+    return op == Operation::GetChildren ? ZWATCHTYPE_CHILD : ZWATCHTYPE_DATA;
+  }
+
   std::uint64_t AddWatch(std::shared_ptr<WatchContext> ctx, const Session* session,
-                         const String& path) {
+                         const String& path, ZooWatcherType type) {
     std::lock_guard<std::mutex> lock(m_watchMutex);
     if (m_pending.size() >= m_pruneAt) {
       // Cancelled watches stay registered with the client until their node
@@ -472,8 +516,110 @@ class Connection::Impl {
       m_pruneAt = std::max<std::size_t>(kMinPrune, 2 * m_pending.size());
     }
     const std::uint64_t id = m_nextWatchId++;
-    m_pending.emplace(id, PendingWatch{std::move(ctx), session, path});
+    m_pending.emplace(id, PendingWatch{std::move(ctx), session, path, type});
     return id;
+  }
+
+ public:
+  // Reads `paths` with all requests in flight; with `watch`, sets a data watch
+  // on each node that exists.
+  std::vector<int> GetAll(const std::vector<String>& paths, std::vector<String>& values,
+                          const WatchFunction& watch, std::vector<WatchHandle>* handles,
+                          std::vector<int>& results) {
+    const auto session = Current();
+    std::vector<std::shared_ptr<WatchContext>> contexts(paths.size());
+    std::vector<std::uint64_t> ids(paths.size(), 0);
+    RunPipelined(results, [&](std::size_t i, AsyncSlot& slot) -> std::optional<int> {
+      if (watch) contexts[i] = std::make_shared<WatchContext>(m_self, WatchFunction(watch));
+      if (auto injected = Injected(Operation::Get, paths[i])) return injected;
+      slot.out = &values[i];
+      void* watchId = nullptr;
+      if (watch) {
+        ids[i] = AddWatch(contexts[i], session.get(), paths[i], ZWATCHTYPE_DATA);
+        watchId = reinterpret_cast<void*>(static_cast<uintptr_t>(ids[i]));
+      }
+      return Submitted(zoo_awget(
+          session->zh, paths[i].c_str(), watch ? &Impl::OnPathWatch : nullptr, watchId,
+          [](int rc, const char* value, int length, const Stat*, const void* data) {
+            AsyncSlot& slot = AsyncSlot::From(data);
+            if (rc == ZOK && value != nullptr && length > 0) {
+              static_cast<String*>(slot.out)->assign(value, static_cast<std::size_t>(length));
+            }
+            slot.Complete(rc);
+          },
+          &slot));
+    });
+    for (std::size_t i = 0; i < paths.size(); ++i) {
+      if (ids[i] != 0 && results[i] != ZOK) TakeWatch(ids[i]);  // the watch was not set
+      if (handles != nullptr && watch) (*handles)[i] = WatchHandle(std::move(contexts[i]));
+    }
+    return results;
+  }
+
+  // Forgets the watches of `handles` and cancels them. The server keeps one
+  // watch per node and kind for all of a session's watchers, so it is removed
+  // there when no other live watch of this session needs it.
+  int RemoveWatches(std::vector<WatchHandle>& handles) {
+    std::unordered_set<const WatchContext*> targets;
+    for (WatchHandle& handle : handles) {
+      if (handle.m_ctx) targets.insert(handle.m_ctx.get());
+      handle.Cancel(nullptr);
+    }
+    const auto session = Current();
+    std::set<std::pair<String, ZooWatcherType>> removed, kept;
+    {
+      std::lock_guard<std::mutex> lock(m_watchMutex);
+      for (auto it = m_pending.begin(); it != m_pending.end();) {
+        const PendingWatch& watch = it->second;
+        if (watch.session != session.get()) {
+          ++it;
+        } else if (targets.count(watch.ctx.get()) != 0) {
+          removed.emplace(watch.path, watch.type);
+          it = m_pending.erase(it);
+        } else {
+          std::lock_guard<std::mutex> ctxLock(watch.ctx->m_mtx);
+          if (watch.ctx->m_valid) kept.emplace(watch.path, watch.type);
+          ++it;
+        }
+      }
+    }
+    std::vector<RemoveRequest> requests;
+    for (const auto& entry : removed) {
+      if (kept.count(entry) == 0) requests.push_back({entry.first, entry.second});
+    }
+    return SendRemoveWatches(*session, requests);
+  }
+
+ private:
+  struct RemoveRequest {
+    String path;
+    ZooWatcherType type;
+  };
+
+  static int SendRemoveWatches(const Session& session, const std::vector<RemoveRequest>& requests) {
+    std::vector<int> results(requests.size(), ZOK);
+    if (t_onEventThread) {
+      for (std::size_t i = 0; i < requests.size(); ++i) {
+        results[i] =
+            zoo_remove_all_watches(session.zh, requests[i].path.c_str(), requests[i].type, 0);
+      }
+    } else {
+      // The client declares the completion as a pointer to a function pointer
+      // but stores and calls the value it is given as the function itself.
+      void_completion_t completion = [](int rc, const void* data) {
+        AsyncSlot::From(data).Complete(rc);
+      };
+      RunPipelined(results, [&](std::size_t i, AsyncSlot& slot) -> std::optional<int> {
+        return Submitted(
+            zoo_aremove_all_watches(session.zh, requests[i].path.c_str(), requests[i].type, 0,
+                                    reinterpret_cast<void_completion_t*>(completion), &slot));
+      });
+    }
+    for (int rc : results) {
+      // A watch that fired meanwhile is gone already.
+      if (rc != ZOK && rc != ZNOWATCHER) return rc;
+    }
+    return ZOK;
   }
 
   PendingWatch TakeWatch(std::uint64_t id) {
@@ -695,37 +841,16 @@ std::vector<int> Connection::CreateAll(const std::vector<CreateRequest>& request
     }
     return results;
   }
-  struct Slot {
-    int* rc;
-    Latch* latch;
-  };
-  Latch latch(requests.size());
-  std::vector<Slot> slots(requests.size());
   const auto session = m_impl->Current();
-  for (std::size_t i = 0; i < requests.size(); ++i) {
+  RunPipelined(results, [&](std::size_t i, AsyncSlot& slot) -> std::optional<int> {
     const CreateRequest& request = requests[i];
-    slots[i] = {&results[i], &latch};
-    int rc = ZOK;
-    if (auto injected = m_impl->Injected(Operation::Create, request.path)) {
-      rc = *injected;
-    } else if (request.data.size() > kMaxDataSize) {
-      rc = ZBADARGUMENTS;
-    } else {
-      rc = zoo_acreate(
-          session->zh, request.path.c_str(), request.data.data(),
-          static_cast<int>(request.data.size()), &acl, request.flags,
-          [](int code, const char*, const void* data) {
-            auto* slot = static_cast<const Slot*>(data);
-            *slot->rc = code;
-            slot->latch->CountDown();
-          },
-          &slots[i]);
-      if (rc == ZOK) continue;
-    }
-    results[i] = rc;
-    latch.CountDown();
-  }
-  latch.Wait();
+    if (auto injected = m_impl->Injected(Operation::Create, request.path)) return injected;
+    if (request.data.size() > kMaxDataSize) return ZBADARGUMENTS;
+    return Submitted(zoo_acreate(
+        session->zh, request.path.c_str(), request.data.data(),
+        static_cast<int>(request.data.size()), &acl, request.flags,
+        [](int rc, const char*, const void* data) { AsyncSlot::From(data).Complete(rc); }, &slot));
+  });
   return results;
 }
 
@@ -737,36 +862,49 @@ std::vector<int> Connection::GetChildrenAll(const std::vector<String>& paths,
     for (std::size_t i = 0; i < paths.size(); ++i) results[i] = GetChildren(paths[i], children[i]);
     return results;
   }
-  struct Slot {
-    int* rc;
-    std::vector<String>* names;
-    Latch* latch;
-  };
-  Latch latch(paths.size());
-  std::vector<Slot> slots(paths.size());
   const auto session = m_impl->Current();
-  for (std::size_t i = 0; i < paths.size(); ++i) {
-    slots[i] = {&results[i], &children[i], &latch};
-    int rc = ZOK;
-    if (auto injected = m_impl->Injected(Operation::GetChildren, paths[i])) {
-      rc = *injected;
-    } else {
-      rc = zoo_aget_children(
-          session->zh, paths[i].c_str(), 0,
-          [](int code, const String_vector* names, const void* data) {
-            auto* slot = static_cast<const Slot*>(data);
-            *slot->rc = code;
-            if (code == ZOK && names != nullptr) AppendNames(*names, *slot->names);
-            slot->latch->CountDown();
-          },
-          &slots[i]);
-      if (rc == ZOK) continue;
-    }
-    results[i] = rc;
-    latch.CountDown();
-  }
-  latch.Wait();
+  RunPipelined(results, [&](std::size_t i, AsyncSlot& slot) -> std::optional<int> {
+    if (auto injected = m_impl->Injected(Operation::GetChildren, paths[i])) return injected;
+    slot.out = &children[i];
+    return Submitted(zoo_aget_children(
+        session->zh, paths[i].c_str(), 0,
+        [](int rc, const String_vector* names, const void* data) {
+          AsyncSlot& slot = AsyncSlot::From(data);
+          if (rc == ZOK && names != nullptr) {
+            AppendNames(*names, *static_cast<std::vector<String>*>(slot.out));
+          }
+          slot.Complete(rc);
+        },
+        &slot));
+  });
   return results;
+}
+
+std::vector<int> Connection::GetAll(const std::vector<String>& paths, std::vector<String>& values,
+                                    WatchFunction watch, std::vector<WatchHandle>* handles) const {
+  std::vector<int> results(paths.size(), ZOK);
+  values.assign(paths.size(), String());
+  if (handles != nullptr) {
+    handles->clear();
+    handles->resize(paths.size());
+  }
+  if (t_onEventThread) {
+    for (std::size_t i = 0; i < paths.size(); ++i) {
+      if (!watch) {
+        results[i] = Get(paths[i], values[i], nullptr);
+        continue;
+      }
+      auto [rc, handle] = Get(paths[i], values[i], watch, nullptr);
+      results[i] = rc;
+      if (handles != nullptr) (*handles)[i] = std::move(handle);
+    }
+    return results;
+  }
+  return m_impl->GetAll(paths, values, watch, handles, results);
+}
+
+int Connection::RemoveWatches(std::vector<WatchHandle>& handles) const {
+  return m_impl->RemoveWatches(handles);
 }
 
 int Connection::DeleteAll(const std::vector<String>& paths) const {

@@ -432,6 +432,77 @@ TEST_F(ConnectionTest, LastReferenceDroppedInACallback) {
   EXPECT_TRUE(WaitUntil([&] { return conn->Exists(node + "-eph", nullptr) == ZNONODE; }, 5000ms));
 }
 
+TEST_F(ConnectionTest, GetAllReadsEveryValueWhole) {
+  const std::string big(300 * 1024, 'b');
+  ASSERT_EQ(ZOK, conn->Create(base + "/a", "alpha", ZOO_OPEN_ACL_UNSAFE, 0, nullptr));
+  ASSERT_EQ(ZOK, conn->Create(base + "/big", big, ZOO_OPEN_ACL_UNSAFE, 0, nullptr));
+  ASSERT_EQ(ZOK, conn->Create(base + "/empty", "", ZOO_OPEN_ACL_UNSAFE, 0, nullptr));
+  std::vector<std::string> values{"stale"};
+  const auto codes =
+      conn->GetAll({base + "/a", base + "/missing", base + "/big", base + "/empty"}, values);
+  EXPECT_EQ((std::vector<int>{ZOK, ZNONODE, ZOK, ZOK}), codes);
+  ASSERT_EQ(4u, values.size());
+  EXPECT_EQ("alpha", values[0]);
+  EXPECT_EQ("", values[1]);
+  EXPECT_TRUE(values[2] == big);
+  EXPECT_EQ("", values[3]);
+}
+
+TEST_F(ConnectionTest, GetAllSetsAWatchOnEachExistingNode) {
+  ASSERT_EQ(ZOK, conn->Create(base + "/x", "1", ZOO_OPEN_ACL_UNSAFE, 0, nullptr));
+  ASSERT_EQ(ZOK, conn->Create(base + "/y", "1", ZOO_OPEN_ACL_UNSAFE, 0, nullptr));
+  EventLog log;
+  std::vector<std::string> values;
+  std::vector<Connection::WatchHandle> handles;
+  const auto codes =
+      conn->GetAll({base + "/x", base + "/y", base + "/none"}, values, log.Callback(), &handles);
+  EXPECT_EQ((std::vector<int>{ZOK, ZOK, ZNONODE}), codes);
+  ASSERT_EQ(3u, handles.size());
+  EXPECT_FALSE(handles[2].Empty());  // returned, but it never fires
+  ASSERT_EQ(ZOK, conn->Set(base + "/y", "2", -1));
+  ASSERT_EQ(ZOK, conn->Create(base + "/none", "", ZOO_OPEN_ACL_UNSAFE, 0, nullptr));
+  ASSERT_EQ(ZOK, conn->Set(base + "/x", "2", -1));
+  ASSERT_TRUE(log.WaitFor(2));
+  std::this_thread::sleep_for(200ms);
+  ASSERT_EQ(2u, log.Count());
+  EXPECT_EQ(std::make_tuple(ZOO_CHANGED_EVENT, ZOO_CONNECTED_STATE, base + "/y"), log.events[0]);
+  EXPECT_EQ(std::make_tuple(ZOO_CHANGED_EVENT, ZOO_CONNECTED_STATE, base + "/x"), log.events[1]);
+}
+
+// The server's count of data watches, from its "wchs" report.
+int ServerWatchCount() {
+  const std::string report = FourLetterWord(SharedServer().Port(), "wchs", 2000ms);
+  const auto at = report.find("Total watches:");
+  return at == std::string::npos ? -1 : std::stoi(report.substr(at + 14));
+}
+
+TEST_F(ConnectionTest, RemoveWatchesRemovesThemFromTheServer) {
+  EventLog log;
+  std::vector<std::string> paths;
+  for (int i = 0; i < 3; ++i) {
+    paths.push_back(base + "/r" + std::to_string(i));
+    ASSERT_EQ(ZOK, conn->Create(paths.back(), "", ZOO_OPEN_ACL_UNSAFE, 0, nullptr));
+  }
+  const int before = ServerWatchCount();
+  ASSERT_GE(before, 0);
+  std::vector<std::string> values;
+  std::vector<Connection::WatchHandle> handles;
+  conn->GetAll(paths, values, log.Callback(), &handles);
+  std::vector<std::string> children;
+  auto [rc, childHandle] = conn->GetChildren(base, children, log.Callback());
+  ASSERT_EQ(ZOK, rc);
+  handles.push_back(std::move(childHandle));
+  EXPECT_TRUE(WaitUntil([&] { return ServerWatchCount() == before + 3; }, 2000ms));
+
+  EXPECT_EQ(ZOK, conn->RemoveWatches(handles));
+  for (const auto& handle : handles) EXPECT_TRUE(handle.Empty());
+  EXPECT_TRUE(WaitUntil([&] { return ServerWatchCount() == before; }, 2000ms));
+  for (const auto& path : paths) ASSERT_EQ(ZOK, conn->Set(path, "changed", -1));
+  ASSERT_EQ(ZOK, conn->Create(base + "/new", "", ZOO_OPEN_ACL_UNSAFE, 0, nullptr));
+  std::this_thread::sleep_for(300ms);
+  EXPECT_EQ(0u, log.Count());
+}
+
 TEST_F(ConnectionTest, FaultInjectorReplacesTheResult) {
   const std::string node = base + "/injected";
   conn->SetFaultInjector([&](Connection::Operation op, const std::string& path) {

@@ -166,10 +166,22 @@ class Connection : public ObservableImpl<ConnectionObserver> {
   // Lists the children of each path; one result code and one list per path.
   std::vector<int> GetChildrenAll(const std::vector<String>& paths,
                                   std::vector<std::vector<String>>& children) const;
+  // Reads the values of the nodes; one result code and one value per path.
+  // With `watch`, also sets a one-shot data watch calling `watch` on each node
+  // that exists, and `handles` (when not null) receives one handle per path.
+  std::vector<int> GetAll(const std::vector<String>& paths, std::vector<String>& values,
+                          WatchFunction watch = nullptr,
+                          std::vector<WatchHandle>* handles = nullptr) const;
   // Deletes the nodes in the order given (children before their parents) in
   // as few atomic batches as fit in a request. A node that is already gone
   // counts as deleted. Returns ZOK or the first failure's code.
   int DeleteAll(const std::vector<String>& paths) const;
+
+  // Cancels the watches of `handles` (which end up empty) and removes them
+  // from the server too, so that they are not kept there until their nodes
+  // change. Returns ZOK or the first failure's code; a watch that has fired
+  // or that belongs to an expired session counts as removed.
+  int RemoveWatches(std::vector<WatchHandle>& handles) const;
 
   // Test seam: when set, every node operation first asks `injector`; a code
   // it returns is the operation's result and nothing is sent.
