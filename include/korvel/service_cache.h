@@ -1,0 +1,116 @@
+// A live, always-current view of the instances of one service type.
+//
+// The cache lists the type's live instances and reads their own attributes,
+// keeps one child watch on the type's liveness directory and one data watch
+// per instance status, and after a gap (a long disconnection, a new session)
+// lists and reads everything again. Each change is published as a new
+// immutable snapshot and reported to listeners as deltas: instance added,
+// instance removed, attribute changed (old and new value), and the cache
+// becoming current or stale.
+//
+// Threads: Snapshot() and Pick() may be called from any thread; they take no
+// lock and make no request. The cache does its reading on a thread of its own,
+// which also calls the listeners, one event at a time and in the order the
+// tree changed as far as ZooKeeper tells. Start, Stop, AddListener and
+// RemoveListener may be called from any thread except a listener (which may
+// only call RemoveListener).
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <vector>
+
+#include "korvel/connection_v2.h"
+#include "korvel/service_id.h"
+#include "stlext/string.h"
+
+namespace qx::korvel {
+
+// One live instance as the cache read it last. Immutable.
+struct CachedInstance {
+  ServiceId id;
+  // The instance's own attributes that exist: "status", "service_name",
+  // "hostname", "pid", "start_time", "chef_recipe_name", "version".
+  std::map<String, String> attributes;
+
+  // The attribute's value, or null when the instance does not publish it.
+  const String* Attribute(const String& name) const;
+};
+
+using CachedInstancePtr = std::shared_ptr<const CachedInstance>;
+
+// What the cache knew at one moment. Immutable.
+struct ServiceSnapshot {
+  std::vector<CachedInstancePtr> instances;  // ordered by id
+  std::vector<CachedInstancePtr> up;         // those whose status is "up"
+  // True while the cache is connected and watching; false before the first
+  // listing, after an expiry until everything is read again, and after a
+  // disconnection that lasted longer than the session timeout.
+  bool current = false;
+  std::uint64_t version = 0;  // grows with every published change
+
+  // The instance, or null when it is not live.
+  CachedInstancePtr Find(const ServiceId& id) const;
+};
+
+struct ServiceCacheEvent {
+  enum class Type { kInstanceAdded, kInstanceRemoved, kAttributeChanged, kCurrent, kStale };
+  Type type;
+  ServiceId id{};                  // the instance (not for kCurrent, kStale)
+  CachedInstancePtr instance;      // added or changed: as now; removed: as last known
+  String attribute;                // kAttributeChanged: its name
+  std::optional<String> oldValue;  // kAttributeChanged: absent when the attribute appeared
+  std::optional<String> newValue;  // kAttributeChanged: absent when it vanished
+};
+
+class ServiceCache {
+ public:
+  // How Pick() chooses among the instances whose status is "up".
+  enum class Selection {
+    kRoundRobin,  // each one in turn
+    kRandom,      // uniformly at random
+    kSticky,      // the same one until it leaves or is no longer up
+  };
+  using Listener = std::function<void(const ServiceCacheEvent&)>;
+
+  // A cache of the service type `type` (normalised with NormalizePath); it
+  // reads nothing until Start().
+  ServiceCache(std::shared_ptr<Connection> conn, const String& type,
+               Selection selection = Selection::kRoundRobin);
+  // Stops the cache: no listener is called after it returns.
+  ~ServiceCache();
+  ServiceCache(const ServiceCache&) = delete;
+  ServiceCache& operator=(const ServiceCache&) = delete;
+
+  // Starts listing and watching; returns at once. When the server cannot be
+  // reached, the cache keeps trying and fills in once it can.
+  void Start();
+  // Stops watching and removes its watches from the server. A stopped cache
+  // keeps its last snapshot (no longer current) and cannot be started again.
+  void Stop();
+
+  // The latest snapshot. Never null.
+  std::shared_ptr<const ServiceSnapshot> Snapshot() const;
+  // One instance whose status is "up", chosen by the selection strategy, or
+  // null when there is none.
+  CachedInstancePtr Pick() const;
+  // Waits until the cache is current; false when `timeout` passed first.
+  bool WaitUntilCurrent(std::chrono::milliseconds timeout) const;
+
+  // Adds a listener and returns its id. Events that happen from then on are
+  // delivered to it on the cache's thread.
+  int AddListener(Listener listener);
+  // Removes a listener: when it returns, the listener is not running (unless
+  // it called this itself) and is never called again.
+  void RemoveListener(int id);
+
+ private:
+  class Impl;
+  std::shared_ptr<Impl> m_impl;
+};
+
+}  // namespace qx::korvel

@@ -1,0 +1,612 @@
+#include "korvel/service_cache.h"
+
+#include <algorithm>
+#include <atomic>
+#include <condition_variable>
+#include <deque>
+#include <mutex>
+#include <random>
+#include <set>
+#include <thread>
+
+#include <boost/lexical_cast.hpp>
+#include <boost/uuid/uuid_io.hpp>
+
+#include "korvel/utils.h"
+#include "logger/logger.h"
+#include "stlext/uuid.h"
+
+namespace qx::korvel {
+namespace {
+
+using logging::QXLOG_DEBUG;
+using logging::QXLOG_WARNING;
+using Clock = std::chrono::steady_clock;
+
+// Never destroyed: the cache's thread may log while the process exits.
+const logging::ConstSourcePtr& g_log =
+    *new logging::ConstSourcePtr(logging::MakeSource("korvel.cache"));
+
+// The attributes an instance publishes about itself; the first is watched.
+const char* const kOwnAttributes[] = {"status",     "service_name",     "hostname", "pid",
+                                      "start_time", "chef_recipe_name", "version"};
+constexpr char kStatus[] = "status";
+constexpr char kUp[] = "up";
+
+// Registration writes "status" first and these last (then the optional
+// recipe name and version): an instance read in between is read again soon,
+// first after kFollowUp, then after twice as long each time, at most
+// kMaxFollowUps times; once complete, it is read once more after kSettle.
+const char* const kAlwaysPublished[] = {"status", "hostname", "pid", "start_time"};
+constexpr auto kFollowUp = std::chrono::milliseconds(50);
+constexpr int kMaxFollowUps = 6;
+constexpr auto kSettle = std::chrono::milliseconds(150);
+
+// After a listing failed, the next try waits this long, doubling up to the maximum.
+constexpr auto kFirstRetry = std::chrono::milliseconds(100);
+constexpr auto kMaxRetry = std::chrono::milliseconds(2000);
+
+std::atomic<std::uint64_t> g_nextCacheId{1};
+
+ServiceCacheEvent MakeEvent(ServiceCacheEvent::Type type, const ServiceId& id = {},
+                            CachedInstancePtr instance = nullptr) {
+  ServiceCacheEvent event;
+  event.type = type;
+  event.id = id;
+  event.instance = std::move(instance);
+  return event;
+}
+
+}  // namespace
+
+const String* CachedInstance::Attribute(const String& name) const {
+  auto it = attributes.find(name);
+  return it == attributes.end() ? nullptr : &it->second;
+}
+
+CachedInstancePtr ServiceSnapshot::Find(const ServiceId& id) const {
+  auto it =
+      std::lower_bound(instances.begin(), instances.end(), id,
+                       [](const CachedInstancePtr& i, const ServiceId& v) { return i->id < v; });
+  return it != instances.end() && (*it)->id == id ? *it : nullptr;
+}
+
+class ServiceCache::Impl : public ConnectionObserver, public std::enable_shared_from_this<Impl> {
+ public:
+  Impl(std::shared_ptr<Connection> conn, const String& type, Selection selection)
+      : m_conn(std::move(conn)),
+        m_aliveDir("/srv/alive/" + NormalizePath(type)),
+        m_dataDir("/srv/" + NormalizePath(type)),
+        m_selection(selection),
+        m_published(std::make_shared<const ServiceSnapshot>()) {}
+
+  ~Impl() override = default;
+
+  void Start() {
+    std::lock_guard<std::mutex> lock(m_queueMutex);
+    if (m_worker.joinable() || m_stopping) return;
+    m_conn->RegisterWeak(weak_from_this());
+    m_tasks.push_back(Task{Task::kList, {}, 0, true});
+    m_worker = std::thread([this] { Run(); });
+  }
+
+  void Stop() {
+    {
+      std::lock_guard<std::mutex> lock(m_queueMutex);
+      if (m_stopping) return;
+      m_stopping = true;
+    }
+    m_queueCv.notify_all();
+    if (m_worker.joinable()) m_worker.join();
+    // The worker is gone: its state is ours now.
+    std::vector<Connection::WatchHandle> handles;
+    handles.push_back(std::move(m_listWatch));
+    for (auto& [id, entry] : m_instances) handles.push_back(std::move(entry.statusWatch));
+    m_conn->RemoveWatches(handles);
+    m_current = false;
+    PublishSnapshot();  // no longer current; listeners hear nothing more
+  }
+
+  std::shared_ptr<const ServiceSnapshot> Snapshot() const {
+    // Each thread keeps its own reference to the latest snapshot, so that the
+    // readers of one snapshot do not contend on one reference count.
+    struct ThreadCopy {
+      std::uint64_t cacheId;
+      std::uint64_t version;
+      std::weak_ptr<const Impl> owner;
+      std::shared_ptr<const ServiceSnapshot> snapshot;
+    };
+    thread_local std::vector<ThreadCopy> copies;
+    const std::uint64_t version = m_version.load(std::memory_order_acquire);
+    for (ThreadCopy& copy : copies) {
+      if (copy.cacheId != m_id) continue;
+      if (copy.version != version) copy.snapshot = ThreadLocalCopy(copy.version);
+      return copy.snapshot;
+    }
+    copies.erase(std::remove_if(copies.begin(), copies.end(),
+                                [](const ThreadCopy& c) { return c.owner.expired(); }),
+                 copies.end());
+    ThreadCopy copy{m_id, 0, weak_from_this(), nullptr};
+    copy.snapshot = ThreadLocalCopy(copy.version);
+    copies.push_back(copy);
+    return copies.back().snapshot;
+  }
+
+  CachedInstancePtr Pick() const {
+    const auto snapshot = Snapshot();
+    const auto& up = snapshot->up;
+    if (up.empty()) return nullptr;
+    switch (m_selection) {
+      case Selection::kRoundRobin:
+        return up[m_nextPick.fetch_add(1, std::memory_order_relaxed) % up.size()];
+      case Selection::kRandom:
+        return up[RandomIndex(up.size())];
+      case Selection::kSticky: {
+        std::lock_guard<std::mutex> lock(m_stickyMutex);
+        if (m_sticky) {
+          auto kept = std::find_if(up.begin(), up.end(),
+                                   [&](const CachedInstancePtr& i) { return i->id == *m_sticky; });
+          if (kept != up.end()) return *kept;
+        }
+        const CachedInstancePtr chosen = up[RandomIndex(up.size())];
+        m_sticky = chosen->id;
+        return chosen;
+      }
+    }
+    return nullptr;
+  }
+
+  bool WaitUntilCurrent(std::chrono::milliseconds timeout) const {
+    std::unique_lock<std::mutex> lock(m_publishMutex);
+    return m_publishCv.wait_for(lock, timeout, [this] { return m_published->current; });
+  }
+
+  int AddListener(Listener listener) {
+    std::lock_guard<std::recursive_mutex> lock(m_listenerMutex);
+    const int id = m_nextListener++;
+    m_listeners.emplace(id, std::move(listener));
+    return id;
+  }
+
+  void RemoveListener(int id) {
+    std::lock_guard<std::recursive_mutex> lock(m_listenerMutex);
+    m_listeners.erase(id);
+  }
+
+  void OnSessionEvent(int type, int state, String) override {
+    if (type == ZOO_SESSION_EVENT) Post(Task{Task::kSession, {}, state, false});
+  }
+
+ private:
+  struct Task {
+    enum Kind { kList, kRead, kSession } kind;
+    ServiceId id;  // kRead
+    int state;     // kSession
+    bool full;     // kList: read every instance again, not only new ones
+  };
+
+  struct Entry {
+    CachedInstancePtr data;
+    Connection::WatchHandle statusWatch;
+    int followUps = 0;  // reads scheduled since it was last complete
+  };
+
+  static std::size_t RandomIndex(std::size_t size) {
+    thread_local std::minstd_rand engine{std::random_device{}()};
+    return std::uniform_int_distribution<std::size_t>(0, size - 1)(engine);
+  }
+
+  // A reference to the published snapshot whose count belongs to this thread.
+  std::shared_ptr<const ServiceSnapshot> ThreadLocalCopy(std::uint64_t& version) const {
+    std::shared_ptr<const ServiceSnapshot> published;
+    {
+      std::lock_guard<std::mutex> lock(m_publishMutex);
+      published = m_published;
+    }
+    version = published->version;
+    auto holder = std::make_shared<std::shared_ptr<const ServiceSnapshot>>(published);
+    return std::shared_ptr<const ServiceSnapshot>(holder, published.get());
+  }
+
+  void Post(Task task) {
+    {
+      std::lock_guard<std::mutex> lock(m_queueMutex);
+      if (m_stopping) return;
+      m_tasks.push_back(std::move(task));
+    }
+    m_queueCv.notify_all();
+  }
+
+  // The cache's thread: takes tasks one at a time, and wakes up for retries
+  // and for the end of the grace period of a disconnection.
+  void Run() {
+    for (;;) {
+      std::optional<Task> task;
+      {
+        std::unique_lock<std::mutex> lock(m_queueMutex);
+        const auto ready = [&] { return m_stopping || !m_tasks.empty(); };
+        if (const auto deadline = NextDeadline()) {
+          m_queueCv.wait_until(lock, *deadline, ready);
+        } else {
+          m_queueCv.wait(lock, ready);
+        }
+        if (m_stopping) return;
+        if (!m_tasks.empty()) {
+          task = std::move(m_tasks.front());
+          m_tasks.pop_front();
+        }
+      }
+      try {
+        if (task) {
+          Handle(*task);
+        } else {
+          OnDeadline();
+        }
+      } catch (const std::exception& e) {
+        QXLOG(g_log, QXLOG_WARNING)
+            << "Service cache of '" << m_aliveDir << "' failed: " << e.what() << "; listing again";
+        ScheduleRetry(true);
+      }
+    }
+  }
+
+  std::optional<Clock::time_point> NextDeadline() const {
+    std::optional<Clock::time_point> next;
+    for (const auto& candidate :
+         {m_retryAt, m_staleAt,
+          m_followUps.empty() ? std::nullopt : std::optional(m_followUps.begin()->first)}) {
+      if (candidate && (!next || *candidate < *next)) next = candidate;
+    }
+    return next;
+  }
+
+  void OnDeadline() {
+    const auto now = Clock::now();
+    std::set<ServiceId> due;
+    while (!m_followUps.empty() && m_followUps.begin()->first <= now) {
+      due.insert(m_followUps.begin()->second);
+      m_followUps.erase(m_followUps.begin());
+    }
+    for (const ServiceId& id : due) Reread(id);
+    if (m_staleAt && now >= *m_staleAt) {
+      m_staleAt.reset();
+      if (m_current) Publish(false);
+    }
+    if (m_retryAt && now >= *m_retryAt) {
+      m_retryAt.reset();
+      List(m_retryFull);
+    }
+  }
+
+  void Handle(const Task& task) {
+    switch (task.kind) {
+      case Task::kList:
+        List(task.full);
+        break;
+      case Task::kRead:
+        Reread(task.id);
+        break;
+      case Task::kSession:
+        OnSession(task.state);
+        break;
+    }
+  }
+
+  void OnSession(int state) {
+    if (state == ZOO_CONNECTING_STATE) {
+      // Brief disconnections are harmless: the session and its watches
+      // survive, and the server reports what changed meanwhile.
+      if (!m_staleAt) m_staleAt = Clock::now() + m_conn->SessionTimeout();
+    } else if (state == ZOO_EXPIRED_SESSION_STATE) {
+      m_expired = true;
+      m_staleAt.reset();
+      if (m_current) Publish(false);
+    } else if (state == ZOO_CONNECTED_STATE) {
+      m_staleAt.reset();
+      if (m_expired || m_retryAt) {
+        // A new session has no watches: list and read everything again.
+        m_expired = false;
+        m_retryAt.reset();
+        List(true);
+      } else if (!m_current && m_listed) {
+        Publish(true);
+      }
+    }
+  }
+
+  void ScheduleRetry(bool full) {
+    m_retryFull = m_retryFull || full;
+    m_retryDelay = m_retryDelay.count() == 0 ? kFirstRetry : std::min(2 * m_retryDelay, kMaxRetry);
+    m_retryAt = Clock::now() + m_retryDelay;
+  }
+
+  WatchFunction ListCallback() {
+    return [weak = weak_from_this()](int type, int, std::string) {
+      if (type == ZOO_SESSION_EVENT) return;  // the session observer handles it
+      if (auto self = weak.lock()) self->Post(Task{Task::kList, {}, 0, false});
+    };
+  }
+
+  // One callback for every status watch: the path names the instance.
+  WatchFunction StatusCallback() {
+    return [weak = weak_from_this()](int type, int, std::string path) {
+      if (type == ZOO_SESSION_EVENT) return;
+      auto self = weak.lock();
+      if (!self) return;
+      const std::size_t at = self->m_dataDir.size() + 1;
+      if (path.size() < at + 36) return;
+      try {
+        self->Post(
+            Task{Task::kRead, boost::lexical_cast<ServiceId>(path.substr(at, 36)), 0, false});
+      } catch (const boost::bad_lexical_cast&) {
+        // Not a path of ours.
+      }
+    };
+  }
+
+  // Lists the live instances, drops those that left and reads those that
+  // came (all of them when `full`).
+  void List(bool full) {
+    std::vector<String> children;
+    auto [rc, handle] = m_conn->GetChildren(m_aliveDir, children, ListCallback());
+    if (rc == ZNONODE) {
+      // No liveness directory: no instance, until it is made.
+      std::tie(rc, handle) = m_conn->Exists(m_aliveDir, ListCallback(), nullptr);
+      if (rc == ZOK) return Post(Task{Task::kList, {}, 0, full});
+      if (rc == ZNONODE) rc = ZOK;
+    }
+    if (rc != ZOK) {
+      QXLOG(g_log, QXLOG_DEBUG) << "Listing '" << m_aliveDir << "' failed: " << zerror(rc);
+      return ScheduleRetry(full);
+    }
+    m_listWatch = std::move(handle);
+
+    std::set<ServiceId> live;
+    for (const String& child : children) {
+      try {
+        live.insert(boost::lexical_cast<ServiceId>(child));
+      } catch (const boost::bad_lexical_cast&) {
+        // Not an instance: the listing of the type skips it too.
+      }
+    }
+    std::vector<ServiceId> toRead;
+    for (const ServiceId& id : live) {
+      if (full || m_instances.count(id) == 0) toRead.push_back(id);
+    }
+    std::vector<ServiceCacheEvent> events;
+    std::vector<Connection::WatchHandle> dropped;
+    for (auto it = m_instances.begin(); it != m_instances.end();) {
+      if (live.count(it->first) != 0) {
+        ++it;
+        continue;
+      }
+      events.push_back(
+          MakeEvent(ServiceCacheEvent::Type::kInstanceRemoved, it->first, it->second.data));
+      dropped.push_back(std::move(it->second.statusWatch));
+      it = m_instances.erase(it);
+    }
+    if (!Read(toRead, events)) {
+      Publish(m_current, std::move(events));
+      return ScheduleRetry(full);
+    }
+    m_conn->RemoveWatches(dropped);
+    m_retryAt.reset();
+    m_retryFull = false;
+    m_retryDelay = {};
+    m_listed = true;
+    Publish(true, std::move(events));
+  }
+
+  void Reread(const ServiceId& id) {
+    if (m_instances.count(id) == 0) return;  // it left meanwhile
+    std::vector<ServiceCacheEvent> events;
+    if (!Read({id}, events)) return ScheduleRetry(true);
+    if (!events.empty()) Publish(m_current, std::move(events));
+  }
+
+  // Reads the own attributes of `ids`, watching each status, and records what
+  // changed against what the cache knew. False when the reads failed; then
+  // nothing is changed.
+  bool Read(const std::vector<ServiceId>& ids, std::vector<ServiceCacheEvent>& events) {
+    if (ids.empty()) return true;
+    const std::size_t others = std::size(kOwnAttributes) - 1;
+    std::vector<String> statusPaths, otherPaths;
+    for (const ServiceId& id : ids) {
+      const String root = m_dataDir + "/" + uuid::to_string(id) + "/";
+      statusPaths.push_back(root + kStatus);
+      for (std::size_t a = 1; a <= others; ++a) otherPaths.push_back(root + kOwnAttributes[a]);
+    }
+    std::vector<String> statusValues, otherValues;
+    std::vector<Connection::WatchHandle> watches;
+    const auto statusCodes = m_conn->GetAll(statusPaths, statusValues, StatusCallback(), &watches);
+    const auto otherCodes = m_conn->GetAll(otherPaths, otherValues);
+    const auto failed = [](int rc) { return rc != ZOK && rc != ZNONODE; };
+    if (std::any_of(statusCodes.begin(), statusCodes.end(), failed) ||
+        std::any_of(otherCodes.begin(), otherCodes.end(), failed)) {
+      return false;
+    }
+
+    for (std::size_t i = 0; i < ids.size(); ++i) {
+      auto data = std::make_shared<CachedInstance>();
+      data->id = ids[i];
+      if (statusCodes[i] == ZOK) data->attributes[kStatus] = std::move(statusValues[i]);
+      for (std::size_t a = 1; a <= others; ++a) {
+        const std::size_t at = i * others + a - 1;
+        if (otherCodes[at] == ZOK) data->attributes[kOwnAttributes[a]] = std::move(otherValues[at]);
+      }
+      if (statusCodes[i] == ZNONODE) {
+        // Not published yet (or gone): watch for it to appear.
+        auto [rc, handle] = m_conn->Exists(statusPaths[i], StatusCallback(), nullptr);
+        if (rc == ZOK) Post(Task{Task::kRead, ids[i], 0, false});
+        watches[i] = std::move(handle);
+      }
+      Entry& entry = m_instances[ids[i]];
+      ScheduleFollowUp(ids[i], entry, *data);
+      if (!entry.data) {
+        events.push_back(MakeEvent(ServiceCacheEvent::Type::kInstanceAdded, ids[i], data));
+      } else {
+        Compare(*entry.data, data, events);
+      }
+      entry.data = std::move(data);
+      entry.statusWatch = std::move(watches[i]);
+    }
+    return true;
+  }
+
+  // An instance caught in the middle of its registration is read again.
+  void ScheduleFollowUp(const ServiceId& id, Entry& entry, const CachedInstance& now) {
+    const bool complete = std::all_of(std::begin(kAlwaysPublished), std::end(kAlwaysPublished),
+                                      [&](const char* name) { return now.Attribute(name); });
+    if (!complete) {
+      if (entry.followUps < kMaxFollowUps) {
+        m_followUps.emplace(Clock::now() + kFollowUp * (1 << entry.followUps++), id);
+      }
+      return;
+    }
+    const String* before = entry.data ? entry.data->Attribute("start_time") : nullptr;
+    const bool registered = before == nullptr || *before != *now.Attribute("start_time");
+    if (registered || entry.followUps > 0) m_followUps.emplace(Clock::now() + kSettle, id);
+    entry.followUps = 0;
+  }
+
+  // Adds one event per attribute that differs between `before` and `after`.
+  static void Compare(const CachedInstance& before, const CachedInstancePtr& after,
+                      std::vector<ServiceCacheEvent>& events) {
+    std::set<String> names;
+    for (const auto& entry : before.attributes) names.insert(entry.first);
+    for (const auto& entry : after->attributes) names.insert(entry.first);
+    for (const String& name : names) {
+      const String* old = before.Attribute(name);
+      const String* now = after->Attribute(name);
+      if (old != nullptr && now != nullptr && *old == *now) continue;
+      ServiceCacheEvent event =
+          MakeEvent(ServiceCacheEvent::Type::kAttributeChanged, after->id, after);
+      event.attribute = name;
+      if (old != nullptr) event.oldValue = *old;
+      if (now != nullptr) event.newValue = *now;
+      events.push_back(std::move(event));
+    }
+  }
+
+  // Publishes what the cache knows now, then tells the listeners `events`
+  // and, when it changes, whether the cache is current.
+  void Publish(bool current, std::vector<ServiceCacheEvent> events = {}) {
+    if (current != m_current) {
+      events.push_back(
+          MakeEvent(current ? ServiceCacheEvent::Type::kCurrent : ServiceCacheEvent::Type::kStale));
+      m_current = current;
+    }
+    PublishSnapshot();
+    Deliver(events);
+  }
+
+  void PublishSnapshot() {
+    auto snapshot = std::make_shared<ServiceSnapshot>();
+    snapshot->instances.reserve(m_instances.size());
+    for (const auto& [id, entry] : m_instances) {
+      snapshot->instances.push_back(entry.data);
+      const String* status = entry.data->Attribute(kStatus);
+      if (status != nullptr && *status == kUp) snapshot->up.push_back(entry.data);
+    }
+    snapshot->current = m_current;
+    {
+      std::lock_guard<std::mutex> lock(m_publishMutex);
+      snapshot->version = m_published->version + 1;
+      m_published = std::move(snapshot);
+      m_version.store(m_published->version, std::memory_order_release);
+    }
+    m_publishCv.notify_all();
+  }
+
+  void Deliver(const std::vector<ServiceCacheEvent>& events) {
+    std::lock_guard<std::recursive_mutex> lock(m_listenerMutex);
+    for (const ServiceCacheEvent& event : events) {
+      std::vector<int> ids;
+      for (const auto& entry : m_listeners) ids.push_back(entry.first);
+      for (int id : ids) {
+        auto it = m_listeners.find(id);  // a listener may have removed one
+        if (it == m_listeners.end()) continue;
+        try {
+          it->second(event);
+        } catch (const std::exception& e) {
+          QXLOG(g_log, QXLOG_WARNING) << "Service cache listener threw: " << e.what();
+        }
+      }
+    }
+  }
+
+  const std::shared_ptr<Connection> m_conn;
+  const String m_aliveDir;
+  const String m_dataDir;
+  const Selection m_selection;
+  const std::uint64_t m_id = g_nextCacheId++;
+
+  // Owned by the cache's thread.
+  std::map<ServiceId, Entry> m_instances;
+  Connection::WatchHandle m_listWatch;
+  bool m_current = false;
+  bool m_listed = false;
+  bool m_expired = false;
+  std::optional<Clock::time_point> m_staleAt;
+  std::optional<Clock::time_point> m_retryAt;
+  std::multimap<Clock::time_point, ServiceId> m_followUps;
+  bool m_retryFull = false;
+  std::chrono::milliseconds m_retryDelay{0};
+
+  mutable std::mutex m_publishMutex;
+  mutable std::condition_variable m_publishCv;
+  std::shared_ptr<const ServiceSnapshot> m_published;
+  std::atomic<std::uint64_t> m_version{0};
+
+  mutable std::atomic<std::uint64_t> m_nextPick{0};
+  mutable std::mutex m_stickyMutex;
+  mutable std::optional<ServiceId> m_sticky;
+
+  std::recursive_mutex m_listenerMutex;
+  std::map<int, Listener> m_listeners;
+  int m_nextListener = 1;
+
+  std::mutex m_queueMutex;
+  std::condition_variable m_queueCv;
+  std::deque<Task> m_tasks;
+  bool m_stopping = false;
+  std::thread m_worker;
+};
+
+ServiceCache::ServiceCache(std::shared_ptr<Connection> conn, const String& type,
+                           Selection selection)
+    : m_impl(std::make_shared<Impl>(std::move(conn), type, selection)) {}
+
+ServiceCache::~ServiceCache() {
+  m_impl->Stop();
+}
+
+void ServiceCache::Start() {
+  m_impl->Start();
+}
+
+void ServiceCache::Stop() {
+  m_impl->Stop();
+}
+
+std::shared_ptr<const ServiceSnapshot> ServiceCache::Snapshot() const {
+  return m_impl->Snapshot();
+}
+
+CachedInstancePtr ServiceCache::Pick() const {
+  return m_impl->Pick();
+}
+
+bool ServiceCache::WaitUntilCurrent(std::chrono::milliseconds timeout) const {
+  return m_impl->WaitUntilCurrent(timeout);
+}
+
+int ServiceCache::AddListener(Listener listener) {
+  return m_impl->AddListener(std::move(listener));
+}
+
+void ServiceCache::RemoveListener(int id) {
+  m_impl->RemoveListener(id);
+}
+
+}  // namespace qx::korvel
