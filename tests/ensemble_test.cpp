@@ -5,6 +5,7 @@
 #include "korvel/connection_v2.h"
 #include "korvel/error.h"
 #include "korvel/service.h"
+#include "korvel/service_cache.h"
 #include "korvel/utils.h"
 #include "stlext/uuid.h"
 #include "util/test_util.h"
@@ -168,6 +169,52 @@ TEST_F(EnsembleTest, ExpiryOnTheEnsembleRegistersTheServiceAgain) {
   std::string status;
   ASSERT_EQ(ZOK, conn->Get(service->GetRoot() + "/status", status, nullptr));
   EXPECT_EQ("down", status);
+}
+
+// The cache keeps following the tree while any one member is down.
+TEST_F(EnsembleTest, CacheFollowsChangesThroughFailover) {
+  auto conn = Connect(ensemble->ConnectString(), 6000ms);
+  auto reader = Connect(ensemble->ConnectString(), 6000ms);
+  const std::string type = UniqueName("ens-cache");
+  auto first = std::make_shared<qx::korvel::Service>(conn, type, "first");
+  qx::korvel::ServiceCache cache(reader, type);
+  cache.Start();
+  ASSERT_TRUE(cache.WaitUntilCurrent(20000ms));
+
+  std::vector<int> order{ensemble->Leader()};
+  ASSERT_GE(order[0], 0);
+  for (int i = 0; i < ensemble->Size(); ++i) {
+    if (i != order[0]) order.push_back(i);
+  }
+  std::vector<std::shared_ptr<qx::korvel::Service>> added;
+  for (int member : order) {
+    ensemble->Stop(member);
+    std::shared_ptr<qx::korvel::Service> service;
+    ASSERT_TRUE(WaitUntil(
+        [&] {
+          try {
+            service = std::make_shared<qx::korvel::Service>(conn, type, "during");
+            return true;
+          } catch (const qx::korvel::KorvelError&) {
+            return false;  // the client is still moving to another member
+          }
+        },
+        20000ms));
+    added.push_back(service);
+    EXPECT_TRUE(WaitUntil(
+        [&] {
+          const auto snapshot = cache.Snapshot();
+          return snapshot->current && snapshot->Find(service->GetId()) != nullptr &&
+                 snapshot->instances.size() == added.size() + 1;
+        },
+        20000ms))
+        << "member " << member;
+    ensemble->Start(member);
+    ensemble->WaitForQuorum(30000ms);
+  }
+  first->SetStatus(qx::korvel::Service::UP);
+  EXPECT_TRUE(
+      WaitUntil([&] { return cache.Pick() && cache.Pick()->id == first->GetId(); }, 20000ms));
 }
 
 }  // namespace
