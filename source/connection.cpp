@@ -521,25 +521,26 @@ class Connection::Impl {
   }
 
  public:
-  // Reads `paths` with all requests in flight; with `watch`, sets a data watch
-  // on each node that exists.
-  std::vector<int> GetAll(const std::vector<String>& paths, std::vector<String>& values,
-                          const WatchFunction& watch, std::vector<WatchHandle>* handles,
-                          std::vector<int>& results) {
+  // Reads with all requests in flight, setting the data watches asked for.
+  void GetAll(const std::vector<ReadRequest>& requests, std::vector<String>& values,
+              const WatchFunction& watch, std::vector<WatchHandle>* handles,
+              std::vector<int>& results) {
     const auto session = Current();
-    std::vector<std::shared_ptr<WatchContext>> contexts(paths.size());
-    std::vector<std::uint64_t> ids(paths.size(), 0);
+    std::vector<std::shared_ptr<WatchContext>> contexts(requests.size());
+    std::vector<std::uint64_t> ids(requests.size(), 0);
     RunPipelined(results, [&](std::size_t i, AsyncSlot& slot) -> std::optional<int> {
-      if (watch) contexts[i] = std::make_shared<WatchContext>(m_self, WatchFunction(watch));
-      if (auto injected = Injected(Operation::Get, paths[i])) return injected;
+      const String& path = requests[i].path;
+      const bool watched = requests[i].watch && watch;
+      if (watched) contexts[i] = std::make_shared<WatchContext>(m_self, WatchFunction(watch));
+      if (auto injected = Injected(Operation::Get, path)) return injected;
       slot.out = &values[i];
       void* watchId = nullptr;
-      if (watch) {
-        ids[i] = AddWatch(contexts[i], session.get(), paths[i], ZWATCHTYPE_DATA);
+      if (watched) {
+        ids[i] = AddWatch(contexts[i], session.get(), path, ZWATCHTYPE_DATA);
         watchId = reinterpret_cast<void*>(static_cast<uintptr_t>(ids[i]));
       }
       return Submitted(zoo_awget(
-          session->zh, paths[i].c_str(), watch ? &Impl::OnPathWatch : nullptr, watchId,
+          session->zh, path.c_str(), watched ? &Impl::OnPathWatch : nullptr, watchId,
           [](int rc, const char* value, int length, const Stat*, const void* data) {
             AsyncSlot& slot = AsyncSlot::From(data);
             if (rc == ZOK && value != nullptr && length > 0) {
@@ -549,11 +550,10 @@ class Connection::Impl {
           },
           &slot));
     });
-    for (std::size_t i = 0; i < paths.size(); ++i) {
+    for (std::size_t i = 0; i < requests.size(); ++i) {
       if (ids[i] != 0 && results[i] != ZOK) TakeWatch(ids[i]);  // the watch was not set
-      if (handles != nullptr && watch) (*handles)[i] = WatchHandle(std::move(contexts[i]));
+      if (handles != nullptr && contexts[i]) (*handles)[i] = WatchHandle(std::move(contexts[i]));
     }
-    return results;
   }
 
   // Forgets the watches of `handles` and cancels them. The server keeps one
@@ -880,27 +880,29 @@ std::vector<int> Connection::GetChildrenAll(const std::vector<String>& paths,
   return results;
 }
 
-std::vector<int> Connection::GetAll(const std::vector<String>& paths, std::vector<String>& values,
-                                    WatchFunction watch, std::vector<WatchHandle>* handles) const {
-  std::vector<int> results(paths.size(), ZOK);
-  values.assign(paths.size(), String());
+std::vector<int> Connection::GetAll(const std::vector<ReadRequest>& requests,
+                                    std::vector<String>& values, WatchFunction watch,
+                                    std::vector<WatchHandle>* handles) const {
+  std::vector<int> results(requests.size(), ZOK);
+  values.assign(requests.size(), String());
   if (handles != nullptr) {
     handles->clear();
-    handles->resize(paths.size());
+    handles->resize(requests.size());
   }
-  if (t_onEventThread) {
-    for (std::size_t i = 0; i < paths.size(); ++i) {
-      if (!watch) {
-        results[i] = Get(paths[i], values[i], nullptr);
-        continue;
-      }
-      auto [rc, handle] = Get(paths[i], values[i], watch, nullptr);
-      results[i] = rc;
-      if (handles != nullptr) (*handles)[i] = std::move(handle);
-    }
+  if (!t_onEventThread) {
+    m_impl->GetAll(requests, values, watch, handles, results);
     return results;
   }
-  return m_impl->GetAll(paths, values, watch, handles, results);
+  for (std::size_t i = 0; i < requests.size(); ++i) {
+    if (!requests[i].watch || !watch) {
+      results[i] = Get(requests[i].path, values[i], nullptr);
+      continue;
+    }
+    auto [rc, handle] = Get(requests[i].path, values[i], watch, nullptr);
+    results[i] = rc;
+    if (handles != nullptr) (*handles)[i] = std::move(handle);
+  }
+  return results;
 }
 
 int Connection::RemoveWatches(std::vector<WatchHandle>& handles) const {

@@ -409,36 +409,37 @@ class ServiceCache::Impl : public ConnectionObserver, public std::enable_shared_
   // nothing is changed.
   bool Read(const std::vector<ServiceId>& ids, std::vector<ServiceCacheEvent>& events) {
     if (ids.empty()) return true;
-    const std::size_t others = std::size(kOwnAttributes) - 1;
-    std::vector<String> statusPaths, otherPaths;
+    // One batch: every attribute of every instance, watching the statuses.
+    const std::size_t perInstance = std::size(kOwnAttributes);
+    std::vector<Connection::ReadRequest> requests;
     for (const ServiceId& id : ids) {
       const String root = m_dataDir + "/" + uuid::to_string(id) + "/";
-      statusPaths.push_back(root + kStatus);
-      for (std::size_t a = 1; a <= others; ++a) otherPaths.push_back(root + kOwnAttributes[a]);
+      for (const char* attribute : kOwnAttributes) {
+        requests.push_back({root + attribute, attribute == kOwnAttributes[0]});
+      }
     }
-    std::vector<String> statusValues, otherValues;
+    std::vector<String> values;
     std::vector<Connection::WatchHandle> watches;
-    const auto statusCodes = m_conn->GetAll(statusPaths, statusValues, StatusCallback(), &watches);
-    const auto otherCodes = m_conn->GetAll(otherPaths, otherValues);
-    const auto failed = [](int rc) { return rc != ZOK && rc != ZNONODE; };
-    if (std::any_of(statusCodes.begin(), statusCodes.end(), failed) ||
-        std::any_of(otherCodes.begin(), otherCodes.end(), failed)) {
+    const auto codes = m_conn->GetAll(requests, values, StatusCallback(), &watches);
+    if (std::any_of(codes.begin(), codes.end(),
+                    [](int rc) { return rc != ZOK && rc != ZNONODE; })) {
       return false;
     }
 
     for (std::size_t i = 0; i < ids.size(); ++i) {
+      const std::size_t first = i * perInstance;
       auto data = std::make_shared<CachedInstance>();
       data->id = ids[i];
-      if (statusCodes[i] == ZOK) data->attributes[kStatus] = std::move(statusValues[i]);
-      for (std::size_t a = 1; a <= others; ++a) {
-        const std::size_t at = i * others + a - 1;
-        if (otherCodes[at] == ZOK) data->attributes[kOwnAttributes[a]] = std::move(otherValues[at]);
+      for (std::size_t a = 0; a < perInstance; ++a) {
+        if (codes[first + a] == ZOK)
+          data->attributes[kOwnAttributes[a]] = std::move(values[first + a]);
       }
-      if (statusCodes[i] == ZNONODE) {
+      Connection::WatchHandle statusWatch = std::move(watches[first]);
+      if (codes[first] == ZNONODE) {
         // Not published yet (or gone): watch for it to appear.
-        auto [rc, handle] = m_conn->Exists(statusPaths[i], StatusCallback(), nullptr);
+        auto [rc, handle] = m_conn->Exists(requests[first].path, StatusCallback(), nullptr);
         if (rc == ZOK) Post(Task{Task::kRead, ids[i], 0, false});
-        watches[i] = std::move(handle);
+        statusWatch = std::move(handle);
       }
       Entry& entry = m_instances[ids[i]];
       ScheduleFollowUp(ids[i], entry, *data);
@@ -448,7 +449,7 @@ class ServiceCache::Impl : public ConnectionObserver, public std::enable_shared_
         Compare(*entry.data, data, events);
       }
       entry.data = std::move(data);
-      entry.statusWatch = std::move(watches[i]);
+      entry.statusWatch = std::move(statusWatch);
     }
     return true;
   }

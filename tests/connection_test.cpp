@@ -438,8 +438,8 @@ TEST_F(ConnectionTest, GetAllReadsEveryValueWhole) {
   ASSERT_EQ(ZOK, conn->Create(base + "/big", big, ZOO_OPEN_ACL_UNSAFE, 0, nullptr));
   ASSERT_EQ(ZOK, conn->Create(base + "/empty", "", ZOO_OPEN_ACL_UNSAFE, 0, nullptr));
   std::vector<std::string> values{"stale"};
-  const auto codes =
-      conn->GetAll({base + "/a", base + "/missing", base + "/big", base + "/empty"}, values);
+  const auto codes = conn->GetAll(
+      {{base + "/a"}, {base + "/missing"}, {base + "/big"}, {base + "/empty"}}, values);
   EXPECT_EQ((std::vector<int>{ZOK, ZNONODE, ZOK, ZOK}), codes);
   ASSERT_EQ(4u, values.size());
   EXPECT_EQ("alpha", values[0]);
@@ -454,11 +454,13 @@ TEST_F(ConnectionTest, GetAllSetsAWatchOnEachExistingNode) {
   EventLog log;
   std::vector<std::string> values;
   std::vector<Connection::WatchHandle> handles;
-  const auto codes =
-      conn->GetAll({base + "/x", base + "/y", base + "/none"}, values, log.Callback(), &handles);
-  EXPECT_EQ((std::vector<int>{ZOK, ZOK, ZNONODE}), codes);
-  ASSERT_EQ(3u, handles.size());
+  const auto codes = conn->GetAll(
+      {{base + "/x", true}, {base + "/y", true}, {base + "/none", true}, {base + "/x"}}, values,
+      log.Callback(), &handles);
+  EXPECT_EQ((std::vector<int>{ZOK, ZOK, ZNONODE, ZOK}), codes);
+  ASSERT_EQ(4u, handles.size());
   EXPECT_FALSE(handles[2].Empty());  // returned, but it never fires
+  EXPECT_TRUE(handles[3].Empty());   // not asked for
   ASSERT_EQ(ZOK, conn->Set(base + "/y", "2", -1));
   ASSERT_EQ(ZOK, conn->Create(base + "/none", "", ZOO_OPEN_ACL_UNSAFE, 0, nullptr));
   ASSERT_EQ(ZOK, conn->Set(base + "/x", "2", -1));
@@ -479,15 +481,17 @@ int ServerWatchCount() {
 TEST_F(ConnectionTest, RemoveWatchesRemovesThemFromTheServer) {
   EventLog log;
   std::vector<std::string> paths;
+  std::vector<Connection::ReadRequest> reads;
   for (int i = 0; i < 3; ++i) {
     paths.push_back(base + "/r" + std::to_string(i));
+    reads.push_back({paths.back(), true});
     ASSERT_EQ(ZOK, conn->Create(paths.back(), "", ZOO_OPEN_ACL_UNSAFE, 0, nullptr));
   }
   const int before = ServerWatchCount();
   ASSERT_GE(before, 0);
   std::vector<std::string> values;
   std::vector<Connection::WatchHandle> handles;
-  conn->GetAll(paths, values, log.Callback(), &handles);
+  conn->GetAll(reads, values, log.Callback(), &handles);
   std::vector<std::string> children;
   auto [rc, childHandle] = conn->GetChildren(base, children, log.Callback());
   ASSERT_EQ(ZOK, rc);

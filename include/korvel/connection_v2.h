@@ -166,10 +166,14 @@ class Connection : public ObservableImpl<ConnectionObserver> {
   // Lists the children of each path; one result code and one list per path.
   std::vector<int> GetChildrenAll(const std::vector<String>& paths,
                                   std::vector<std::vector<String>>& children) const;
-  // Reads the values of the nodes; one result code and one value per path.
-  // With `watch`, also sets a one-shot data watch calling `watch` on each node
-  // that exists, and `handles` (when not null) receives one handle per path.
-  std::vector<int> GetAll(const std::vector<String>& paths, std::vector<String>& values,
+  struct ReadRequest {
+    String path;
+    bool watch = false;  // also set a one-shot data watch, if the node exists
+  };
+  // Reads the values of the nodes; one result code and one value per request.
+  // The requests that ask for it set a data watch calling `watch`; `handles`
+  // (when not null) receives one handle per request, empty for the others.
+  std::vector<int> GetAll(const std::vector<ReadRequest>& requests, std::vector<String>& values,
                           WatchFunction watch = nullptr,
                           std::vector<WatchHandle>* handles = nullptr) const;
   // Deletes the nodes in the order given (children before their parents) in
