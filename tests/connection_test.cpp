@@ -30,29 +30,6 @@ class ConnectionTest : public ::testing::Test {
   std::string base;
 };
 
-// Counts watch events and lets a test wait for them.
-struct EventLog {
-  std::mutex mutex;
-  std::condition_variable cv;
-  std::vector<std::tuple<int, int, std::string>> events;
-
-  qx::korvel::WatchFunction Callback() {
-    return [this](int type, int state, std::string path) {
-      std::lock_guard<std::mutex> lock(mutex);
-      events.emplace_back(type, state, std::move(path));
-      cv.notify_all();
-    };
-  }
-  bool WaitFor(std::size_t count, std::chrono::milliseconds timeout = 5000ms) {
-    std::unique_lock<std::mutex> lock(mutex);
-    return cv.wait_for(lock, timeout, [&] { return events.size() >= count; });
-  }
-  std::size_t Count() {
-    std::lock_guard<std::mutex> lock(mutex);
-    return events.size();
-  }
-};
-
 TEST_F(ConnectionTest, ConnectsWithASession) {
   EXPECT_NE(0, conn->ClientId().client_id);
   EXPECT_EQ(ZOO_CONNECTED_STATE, conn->State());
@@ -520,13 +497,11 @@ TEST_F(ConnectionTest, FaultInjectorReplacesTheResult) {
 }
 
 TEST_F(ConnectionTest, ClientLogLinesAreRoutedIntoLogging) {
-  const auto previous = qx::logging::GetMinimumLoggingLevel();
-  qx::logging::SetMinimumLoggingLevel(qx::logging::QXLOG_DEBUG);
+  LogLevelScope level(qx::logging::QXLOG_DEBUG);
   LogCapture capture;
   testing::internal::CaptureStderr();
   { auto another = Connect(SharedServer().ConnectString()); }
   const std::string stderrText = testing::internal::GetCapturedStderr();
-  qx::logging::SetMinimumLoggingLevel(previous);
 
   const auto client = capture.FromSource("zookeeper.client");
   ASSERT_FALSE(client.empty());

@@ -41,18 +41,6 @@ constexpr int kPerThreadAndRound = 3;      // registrations
 constexpr std::size_t kKeptPerThread = 2;  // older instances of a thread are shut down
 constexpr auto kTimeBudget = 40s;          // no new round starts after this
 
-// Sets the minimum log level for its lifetime.
-class LogLevelScope {
- public:
-  explicit LogLevelScope(LogLevel level) : m_previous(qx::logging::GetMinimumLoggingLevel()) {
-    qx::logging::SetMinimumLoggingLevel(level);
-  }
-  ~LogLevelScope() { qx::logging::SetMinimumLoggingLevel(m_previous); }
-
- private:
-  LogLevel m_previous;
-};
-
 std::string ChildProgram() {
   char exe[4096];
   const ssize_t n = readlink("/proc/self/exe", exe, sizeof exe);

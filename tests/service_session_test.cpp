@@ -41,12 +41,8 @@ class ServiceSessionTest : public ::testing::Test {
   }
   void TearDown() override { conn->SetFaultInjector(nullptr); }
 
-  std::string Read(const std::string& path) {
-    std::string value;
-    EXPECT_EQ(ZOK, conn->Get(path, value, nullptr)) << path;
-    return value;
-  }
-  bool Exists(const std::string& path) { return conn->Exists(path, nullptr) == ZOK; }
+  std::string Read(const std::string& path) { return ReadNode(*conn, path); }
+  bool Exists(const std::string& path) { return NodeExists(*conn, path); }
   std::string AlivePath(const Service& service) {
     return "/srv/alive/" + type + "/" + qx::uuid::to_string(service.GetId());
   }
@@ -179,11 +175,9 @@ TEST_F(ServiceSessionTest, RemoveChildDeletesDepthFirst) {
     if (op == Connection::Operation::Delete) deleted.push_back(path);
     return std::optional<int>();
   });
-  const auto previous = qx::logging::GetMinimumLoggingLevel();
-  qx::logging::SetMinimumLoggingLevel(QXLOG_DEBUG);
+  LogLevelScope level(QXLOG_DEBUG);
   LogCapture capture;
   service->RemoveChild("app", false);
-  qx::logging::SetMinimumLoggingLevel(previous);
   conn->SetFaultInjector(nullptr);
 
   EXPECT_FALSE(Exists(root + "/app"));
@@ -215,8 +209,7 @@ TEST_F(ServiceSessionTest, RemoveChildDeletesDepthFirst) {
 
 TEST_F(ServiceSessionTest, RemoveChildOfAMissingChild) {
   auto service = std::make_shared<Service>(conn, type, "x");
-  const auto previous = qx::logging::GetMinimumLoggingLevel();
-  qx::logging::SetMinimumLoggingLevel(QXLOG_DEBUG);
+  LogLevelScope level(QXLOG_DEBUG);
   int deletes = 0;
   conn->SetFaultInjector([&](Connection::Operation op, const std::string&) {
     deletes += op == Connection::Operation::Delete;
@@ -239,7 +232,6 @@ TEST_F(ServiceSessionTest, RemoveChildOfAMissingChild) {
     EXPECT_EQ(QXLOG_ERROR, records[1].level);
     EXPECT_EQ("Failed to delete node (result = -101)", records[1].message);
   }
-  qx::logging::SetMinimumLoggingLevel(previous);
 }
 
 TEST_F(ServiceSessionTest, RemoveChildNormalisesThePath) {

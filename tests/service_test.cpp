@@ -29,12 +29,8 @@ class ServiceTest : public ::testing::Test {
   }
   void TearDown() override { conn->SetFaultInjector(nullptr); }
 
-  std::string Read(const std::string& path) {
-    std::string value;
-    EXPECT_EQ(ZOK, conn->Get(path, value, nullptr)) << path;
-    return value;
-  }
-  bool Exists(const std::string& path) { return conn->Exists(path, nullptr) == ZOK; }
+  std::string Read(const std::string& path) { return ReadNode(*conn, path); }
+  bool Exists(const std::string& path) { return NodeExists(*conn, path); }
   int64_t Session() { return conn->ClientId().client_id; }
   std::vector<CapturedRecord> ServiceRecords(const LogCapture& capture) {
     return capture.FromSource("korvel.service");
@@ -413,11 +409,9 @@ TEST_F(ServiceTest, CleanupOfATypeThatNeverRegisteredDoesNothing) {
 TEST_F(ServiceTest, CleanupDeletesAlsoWhenItsRecordIsFilteredOut) {
   auto service = std::make_shared<Service>(conn, type, "x");
   ASSERT_EQ(ZOK, conn->Create("/srv/" + type + "/crashed", "", ZOO_OPEN_ACL_UNSAFE, 0, nullptr));
-  const auto previous = qx::logging::GetMinimumLoggingLevel();
-  qx::logging::SetMinimumLoggingLevel(qx::logging::QXLOG_WARNING);
+  LogLevelScope level(qx::logging::QXLOG_WARNING);
   LogCapture capture;
   service->CleanupCrashedApps(type);
-  qx::logging::SetMinimumLoggingLevel(previous);
   EXPECT_FALSE(Exists("/srv/" + type + "/crashed"));
   EXPECT_TRUE(ServiceRecords(capture).empty());
 }

@@ -24,45 +24,6 @@ using qx::logging::LogLevel;
 
 const ACL_vector& kAcl = ZOO_OPEN_ACL_UNSAFE;
 
-// Records watch events and lets a test wait for them.
-struct EventLog {
-  std::mutex mutex;
-  std::condition_variable cv;
-  std::vector<std::tuple<int, int, std::string>> events;
-
-  qx::korvel::WatchFunction Callback() {
-    return [this](int type, int state, std::string path) {
-      std::lock_guard<std::mutex> lock(mutex);
-      events.emplace_back(type, state, std::move(path));
-      cv.notify_all();
-    };
-  }
-  bool WaitFor(std::size_t count, std::chrono::milliseconds timeout = 5000ms) {
-    std::unique_lock<std::mutex> lock(mutex);
-    return cv.wait_for(lock, timeout, [&] { return events.size() >= count; });
-  }
-  std::size_t Count() {
-    std::lock_guard<std::mutex> lock(mutex);
-    return events.size();
-  }
-  std::tuple<int, int, std::string> First() {
-    std::lock_guard<std::mutex> lock(mutex);
-    return events.at(0);
-  }
-};
-
-// Sets the minimum log level for its lifetime.
-class LogLevelScope {
- public:
-  explicit LogLevelScope(LogLevel level) : m_previous(qx::logging::GetMinimumLoggingLevel()) {
-    qx::logging::SetMinimumLoggingLevel(level);
-  }
-  ~LogLevelScope() { qx::logging::SetMinimumLoggingLevel(m_previous); }
-
- private:
-  LogLevel m_previous;
-};
-
 // The records of korvel's own sources.
 std::vector<CapturedRecord> KorvelRecords(const LogCapture& capture) {
   std::vector<CapturedRecord> records;

@@ -24,6 +24,38 @@ int64_t EphemeralOwner(const qx::korvel::Connection& conn, const std::string& pa
   return conn.Exists(path, &stat) == ZOK ? stat.ephemeralOwner : -1;
 }
 
+std::string ReadNode(const qx::korvel::Connection& conn, const std::string& path) {
+  std::string value;
+  return conn.Get(path, value, nullptr) == ZOK ? value : std::string();
+}
+
+bool NodeExists(const qx::korvel::Connection& conn, const std::string& path) {
+  return conn.Exists(path, nullptr) == ZOK;
+}
+
+qx::korvel::WatchFunction EventLog::Callback() {
+  return [this](int type, int state, std::string path) {
+    std::lock_guard<std::mutex> lock(mutex);
+    events.emplace_back(type, state, std::move(path));
+    cv.notify_all();
+  };
+}
+
+bool EventLog::WaitFor(std::size_t count, std::chrono::milliseconds timeout) {
+  std::unique_lock<std::mutex> lock(mutex);
+  return cv.wait_for(lock, timeout, [&] { return events.size() >= count; });
+}
+
+std::size_t EventLog::Count() {
+  std::lock_guard<std::mutex> lock(mutex);
+  return events.size();
+}
+
+std::tuple<int, int, std::string> EventLog::First() {
+  std::lock_guard<std::mutex> lock(mutex);
+  return events.at(0);
+}
+
 LogCapture::LogCapture() {
   m_handlerId = qx::logging::AddLogHandler([this](const qx::logging::LogRecord& record) {
     std::lock_guard<std::mutex> lock(m_mutex);

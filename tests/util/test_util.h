@@ -3,9 +3,11 @@
 #pragma once
 
 #include <chrono>
+#include <condition_variable>
 #include <memory>
 #include <mutex>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "korvel/connection_v2.h"
@@ -35,6 +37,37 @@ std::string UniqueName(const std::string& prefix);
 
 // The ephemeral owner of the node (0 for a persistent node), -1 if it is missing.
 int64_t EphemeralOwner(const qx::korvel::Connection& conn, const std::string& path);
+
+// The node's value ("" when it cannot be read).
+std::string ReadNode(const qx::korvel::Connection& conn, const std::string& path);
+bool NodeExists(const qx::korvel::Connection& conn, const std::string& path);
+
+// Records watch events and lets a test wait for them.
+struct EventLog {
+  std::mutex mutex;
+  std::condition_variable cv;
+  std::vector<std::tuple<int, int, std::string>> events;
+
+  qx::korvel::WatchFunction Callback();
+  bool WaitFor(std::size_t count, std::chrono::milliseconds timeout = 5000ms);
+  std::size_t Count();
+  std::tuple<int, int, std::string> First();
+};
+
+// Sets the minimum log level for its lifetime.
+class LogLevelScope {
+ public:
+  explicit LogLevelScope(qx::logging::LogLevel level)
+      : m_previous(qx::logging::GetMinimumLoggingLevel()) {
+    qx::logging::SetMinimumLoggingLevel(level);
+  }
+  ~LogLevelScope() { qx::logging::SetMinimumLoggingLevel(m_previous); }
+  LogLevelScope(const LogLevelScope&) = delete;
+  LogLevelScope& operator=(const LogLevelScope&) = delete;
+
+ private:
+  qx::logging::LogLevel m_previous;
+};
 
 struct CapturedRecord {
   qx::logging::LogLevel level;
