@@ -1,0 +1,389 @@
+// The korvel command-line tool as installed (its path in KORVEL_CLI), run as a separate process
+// against a real ZooKeeper server. Every wait is bounded; a process that hangs is killed.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <boost/algorithm/string/trim.hpp>
+#include <cstdlib>
+#include <nlohmann/json.hpp>
+#include <sstream>
+#include <thread>
+
+#include "child_process.h"
+#include "util/test_util.h"
+
+namespace korvel::test {
+namespace {
+
+using cli::ChildProcess;
+using Json = nlohmann::json;
+
+constexpr auto kCommandTimeout = 20s;
+constexpr auto kGrace = 10s;
+
+std::string CliPath() {
+  const char* path = std::getenv("KORVEL_CLI");
+  return path ? path : "korvel-cli-path-not-set";
+}
+
+std::string Hosts() {
+  return SharedServer().ConnectString();
+}
+
+std::vector<std::string> Concat(std::vector<std::string> head,
+                                const std::vector<std::string>& tail) {
+  head.insert(head.end(), tail.begin(), tail.end());
+  return head;
+}
+
+bool StartsWith(const std::string& text, const std::string& prefix) {
+  return text.rfind(prefix, 0) == 0;
+}
+
+std::vector<std::string> Lines(const std::string& text) {
+  std::vector<std::string> lines;
+  std::istringstream in(text);
+  for (std::string line; std::getline(in, line);) lines.push_back(line);
+  return lines;
+}
+
+bool HasLine(const std::string& text, const std::string& line) {
+  const auto lines = Lines(text);
+  return std::find(lines.begin(), lines.end(), line) != lines.end();
+}
+
+struct Result {
+  int code;
+  std::string out;
+  std::string err;
+};
+
+// Runs `korvel ARGS` with stdin closed until it ends (killed after kCommandTimeout).
+Result RunKorvel(const std::vector<std::string>& args) {
+  ChildProcess process(CliPath(), Concat({"korvel"}, args));
+  process.CloseStdin();
+  auto code = process.Wait(kCommandTimeout);
+  if (!code) {
+    ADD_FAILURE() << "korvel did not end in time";
+    process.Signal(SIGKILL);
+    code = process.Wait(kGrace);
+  }
+  return {code.value_or(-1), process.Output(ChildProcess::kStdout),
+          process.Output(ChildProcess::kStderr)};
+}
+
+// The same against the shared server.
+Result Korvel(const std::vector<std::string>& args) {
+  return RunKorvel(Concat({"--zk", Hosts()}, args));
+}
+
+// `korvel register ARGS` in the background, with a short session timeout.
+class Registered {
+ public:
+  explicit Registered(const std::vector<std::string>& args,
+                      const std::vector<std::string>& globalArgs = {})
+      : m_process(CliPath(), Concat(Concat({"korvel", "--zk", Hosts(), "--session-timeout", "2000"},
+                                           globalArgs),
+                                    Concat({"register"}, args))) {
+    const auto line = m_process.WaitForLine(
+        ChildProcess::kStdout, [](const std::string&) { return true; }, kCommandTimeout);
+    m_id = line.value_or("");
+  }
+
+  // The instance id it printed first; empty if it printed none.
+  const std::string& Id() const { return m_id; }
+  ChildProcess& Process() { return m_process; }
+  std::string Stderr() const { return m_process.Output(ChildProcess::kStderr); }
+
+  // Sends a stdin command and returns its answer line.
+  std::string Command(const std::string& command) {
+    m_process.SendLine(command);
+    return WaitForLine([](const std::string& line) {
+      return StartsWith(line, "ok") || StartsWith(line, "error");
+    });
+  }
+  std::string WaitForLine(const std::function<bool(const std::string&)>& match) {
+    return m_process.WaitForLine(ChildProcess::kStdout, match, kCommandTimeout)
+        .value_or("<nothing>");
+  }
+
+ private:
+  ChildProcess m_process;
+  std::string m_id;
+};
+
+std::string HostName() {
+  char name[256] = {};
+  gethostname(name, sizeof name - 1);
+  return boost::algorithm::trim_copy(std::string(name));
+}
+
+TEST(CliTest, ListShowsTheInstancesWithTheirFacts) {
+  const std::string type = UniqueName("cli");
+  Registered instance({type, "--name", "alpha", "--status", "up"});
+  ASSERT_EQ(36u, instance.Id().size()) << instance.Stderr();
+  const std::string pid = std::to_string(instance.Process().Pid());
+
+  const Result table = Korvel({"list", type});
+  ASSERT_EQ(0, table.code) << table.err;
+  const auto lines = Lines(table.out);
+  ASSERT_EQ(2u, lines.size()) << table.out;
+  EXPECT_TRUE(StartsWith(lines[0], "ID ")) << lines[0];
+  std::istringstream row(lines[1]);
+  std::vector<std::string> cells;
+  for (std::string cell; row >> cell;) cells.push_back(cell);
+  // ID STATUS NAME HOST PID STARTED (date and time) VERSION
+  ASSERT_EQ(8u, cells.size()) << lines[1];
+  EXPECT_EQ(instance.Id(), cells[0]);
+  EXPECT_EQ("up", cells[1]);
+  EXPECT_EQ("alpha", cells[2]);
+  EXPECT_EQ(HostName(), cells[3]);
+  EXPECT_EQ(pid, cells[4]);
+  EXPECT_EQ("-", cells[7]);
+  // The columns line up with the headings.
+  EXPECT_EQ(lines[0].find("STATUS"), lines[1].find("up "));
+
+  const Result json = Korvel({"list", type, "--json"});
+  ASSERT_EQ(0, json.code) << json.err;
+  const Json list = Json::parse(json.out);
+  ASSERT_TRUE(list.is_array());
+  ASSERT_EQ(1u, list.size()) << json.out;
+  const Json& facts = list[0];
+  EXPECT_EQ(instance.Id(), facts.at("id"));
+  EXPECT_EQ("up", facts.at("status"));
+  EXPECT_EQ("alpha", facts.at("service_name"));
+  EXPECT_EQ(HostName(), facts.at("hostname"));
+  EXPECT_EQ(pid, facts.at("pid"));
+  EXPECT_TRUE(facts.contains("start_time"));
+  for (const auto& [name, value] : facts.items()) EXPECT_TRUE(value.is_string()) << name;
+}
+
+TEST(CliTest, SigtermRemovesTheInstanceAndExitsZero) {
+  const std::string type = UniqueName("cli");
+  Registered instance({type});
+  ASSERT_EQ(36u, instance.Id().size()) << instance.Stderr();
+  const auto conn = Connect(Hosts());
+  const std::string data = "/srv/" + type + "/" + instance.Id();
+  const std::string alive = "/srv/alive/" + type + "/" + instance.Id();
+  ASSERT_EQ(ZOK, conn->Exists(data, nullptr));
+
+  instance.Process().Signal(SIGTERM);
+  EXPECT_EQ(0, instance.Process().Wait(kGrace)) << instance.Stderr();
+  EXPECT_EQ(ZNONODE, conn->Exists(data, nullptr));
+  EXPECT_EQ(ZNONODE, conn->Exists(alive, nullptr));
+  EXPECT_EQ("[]", Json::parse(Korvel({"list", type, "--json"}).out).dump());
+}
+
+TEST(CliTest, SigkillLeavesALeftoverThatTheNextRegistrationRemoves) {
+  const std::string type = UniqueName("cli");
+  Registered crashed({type, "--child-attr", "worker-1:port=8080"});
+  ASSERT_EQ(36u, crashed.Id().size()) << crashed.Stderr();
+  crashed.Process().Signal(SIGKILL);
+  EXPECT_EQ(128 + SIGKILL, crashed.Process().Wait(kGrace));
+
+  const auto conn = Connect(Hosts());
+  const std::string data = "/srv/" + type + "/" + crashed.Id();
+  ASSERT_TRUE(WaitUntil(
+      [&] { return conn->Exists("/srv/alive/" + type + "/" + crashed.Id(), nullptr) == ZNONODE; },
+      10s))
+      << "the liveness node outlived the session";
+  EXPECT_EQ(ZOK, conn->Exists(data + "/worker-1/port", nullptr));
+
+  Registered next({type}, {"--log-level", "info"});
+  ASSERT_EQ(36u, next.Id().size()) << next.Stderr();
+  EXPECT_EQ(ZNONODE, conn->Exists(data, nullptr));
+  EXPECT_TRUE(next.Process().WaitForLine(
+      ChildProcess::kStderr,
+      [](const std::string& line) {
+        return line.find("Cleaning up application in zookeeper") != std::string::npos;
+      },
+      5s))
+      << next.Stderr();
+}
+
+TEST(CliTest, ExpireSessionReRegistersWithTheStatusGiven) {
+  const std::string type = UniqueName("cli");
+  Registered instance(
+      {type, "--status", "up_sending_disabled", "--child-attr", "worker-1:port=8080"});
+  ASSERT_EQ(36u, instance.Id().size()) << instance.Stderr();
+  const auto conn = Connect(Hosts());
+  const std::string alive = "/srv/alive/" + type + "/" + instance.Id();
+  const int64_t sessionBefore = EphemeralOwner(*conn, alive);
+
+  EXPECT_EQ("ok session expired", instance.Command("expire-session"));
+  EXPECT_EQ("re-registered " + instance.Id(), instance.WaitForLine([](const std::string& line) {
+    return StartsWith(line, "re-registered") || StartsWith(line, "error");
+  })) << instance.Stderr();
+  const int64_t sessionAfter = EphemeralOwner(*conn, alive);
+  EXPECT_GT(sessionAfter, 0);
+  EXPECT_NE(sessionBefore, sessionAfter);
+  EXPECT_EQ("up_sending_disabled\n", Korvel({"get", type, instance.Id(), "status"}).out);
+  EXPECT_EQ("8080\n", Korvel({"get", type, instance.Id(), "port", "--child", "worker-1"}).out);
+}
+
+TEST(CliTest, StdinCommandsChangeWhatTheInstancePublishes) {
+  const std::string type = UniqueName("cli");
+  Registered instance({type});
+  ASSERT_EQ(36u, instance.Id().size()) << instance.Stderr();
+  const auto get = [&](const std::vector<std::string>& args) {
+    return Korvel(Concat({"get", type, instance.Id()}, args));
+  };
+
+  EXPECT_EQ("down\n", get({"status"}).out);
+  EXPECT_EQ("ok status up", instance.Command("status up"));
+  EXPECT_EQ("up\n", get({"status"}).out);
+  EXPECT_EQ("ok attr worker-1:port=8080", instance.Command("attr worker-1:port=8080"));
+  EXPECT_EQ("8080\n", get({"port", "--child", "worker-1"}).out);
+  EXPECT_EQ("ok removed worker-1", instance.Command("remove worker-1"));
+  EXPECT_EQ(1, get({"port", "--child", "worker-1"}).code);
+  EXPECT_TRUE(StartsWith(instance.Command("status sideways"), "error: "));
+  EXPECT_TRUE(StartsWith(instance.Command("remove worker-1"), "error: "));
+  EXPECT_TRUE(StartsWith(instance.Command("frobnicate"), "error: "));
+
+  // The end of stdin does not end the instance; only a signal does.
+  instance.Process().CloseStdin();
+  std::this_thread::sleep_for(300ms);
+  EXPECT_TRUE(instance.Process().Running());
+  EXPECT_EQ("up\n", get({"status"}).out);
+}
+
+TEST(CliTest, GetPrintsTheValueAndFailsForWhatIsMissing) {
+  const std::string type = UniqueName("cli");
+  Registered instance({type, "--name", "beta"});
+  ASSERT_EQ(36u, instance.Id().size()) << instance.Stderr();
+
+  const Result name = Korvel({"get", type, instance.Id(), "service_name"});
+  EXPECT_EQ(0, name.code) << name.err;
+  EXPECT_EQ("beta\n", name.out);
+
+  const Result attribute = Korvel({"get", type, instance.Id(), "no_such_attribute"});
+  EXPECT_EQ(1, attribute.code);
+  EXPECT_EQ("", attribute.out);
+  EXPECT_TRUE(HasLine(
+      attribute.err, "korvel: instance " + instance.Id() + " has no attribute 'no_such_attribute'"))
+      << attribute.err;
+
+  const std::string unknown = "00000000-0000-4000-8000-000000000000";
+  const Result missing = Korvel({"get", type, unknown, "status"});
+  EXPECT_EQ(1, missing.code);
+  EXPECT_TRUE(HasLine(missing.err, "korvel: no instance " + unknown + " of type '" + type + "'"))
+      << missing.err;
+}
+
+TEST(CliTest, ShowPrintsTheAttributesAndTheChildTree) {
+  const std::string type = UniqueName("cli");
+  Registered instance({type, "--name", "gamma", "--child-attr", "worker-1:port=8080",
+                       "--child-attr", "worker-1:status=up", "--child-attr",
+                       "worker-1/thread-0:state=busy"});
+  ASSERT_EQ(36u, instance.Id().size()) << instance.Stderr();
+
+  const Result text = Korvel({"show", type, instance.Id()});
+  ASSERT_EQ(0, text.code) << text.err;
+  for (const char* line : {"service_name  gamma", "status        down", "worker-1/",
+                           "  port    8080", "  status  up", "  thread-0/", "    state  busy"}) {
+    EXPECT_TRUE(HasLine(text.out, line)) << "'" << line << "' missing in\n" << text.out;
+  }
+
+  const Result json = Korvel({"show", type, instance.Id(), "--json"});
+  ASSERT_EQ(0, json.code) << json.err;
+  const Json record = Json::parse(json.out);
+  EXPECT_EQ("gamma", record.at("service_name"));
+  EXPECT_EQ("8080", record.at("worker-1").at("port"));
+  EXPECT_EQ("busy", record.at("worker-1").at("thread-0").at("state"));
+
+  const Result child = Korvel({"show", type, instance.Id(), "--child", "worker-1"});
+  ASSERT_EQ(0, child.code) << child.err;
+  EXPECT_TRUE(HasLine(child.out, "port    8080")) << child.out;
+  EXPECT_FALSE(HasLine(child.out, "service_name  gamma")) << child.out;
+
+  EXPECT_EQ(1, Korvel({"show", type, instance.Id(), "--child", "worker-9"}).code);
+}
+
+TEST(CliTest, ListWatchPrintsTheListAgainAtEveryChange) {
+  const std::string type = UniqueName("cli");
+  ChildProcess watch(CliPath(), {"korvel", "--zk", Hosts(), "list", type, "--watch"});
+  const auto awaitLine = [&](const std::function<bool(const std::string&)>& match) {
+    return watch.WaitForLine(ChildProcess::kStdout, match, kCommandTimeout).has_value();
+  };
+  const auto nothingListed = [](const std::string& line) { return line == "no live instances"; };
+  ASSERT_TRUE(awaitLine(nothingListed)) << watch.Output(ChildProcess::kStderr);
+
+  Registered instance({type});
+  ASSERT_EQ(36u, instance.Id().size()) << instance.Stderr();
+  const auto listedWith = [&](const std::string& status) {
+    return [&, status](const std::string& line) {
+      return StartsWith(line, instance.Id() + "  " + status + " ");
+    };
+  };
+  EXPECT_TRUE(awaitLine(listedWith("down"))) << watch.Output(ChildProcess::kStdout);
+  EXPECT_EQ("ok status up", instance.Command("status up"));
+  EXPECT_TRUE(awaitLine(listedWith("up"))) << watch.Output(ChildProcess::kStdout);
+  instance.Process().Signal(SIGTERM);
+  EXPECT_EQ(0, instance.Process().Wait(kGrace));
+  EXPECT_TRUE(awaitLine(nothingListed)) << watch.Output(ChildProcess::kStdout);
+
+  watch.Signal(SIGINT);
+  EXPECT_EQ(0, watch.Wait(kGrace));
+}
+
+TEST(CliTest, UsageErrorsExitTwoWithTheUsage) {
+  const std::vector<std::vector<std::string>> misuses = {
+      {},
+      {"frobnicate"},
+      {"list"},
+      {"list", "t", "--bogus"},
+      {"register"},
+      {"register", "t", "--status", "sideways"},
+      {"register", "t", "--child-attr", "no-colon"},
+      {"register", "t", "--id", "not-a-uuid"},
+      {"show", "t", "not-a-uuid"},
+      {"get", "t", "00000000-0000-4000-8000-000000000000"},
+      {"--session-timeout", "soon", "list", "t"},
+      {"--log-level", "loud", "list", "t"},
+  };
+  for (const auto& args : misuses) {
+    const Result result = RunKorvel(args);
+    const std::string command = ::testing::PrintToString(args);
+    EXPECT_EQ(2, result.code) << command << "\n" << result.err;
+    EXPECT_EQ("", result.out) << command;
+    EXPECT_NE(std::string::npos, result.err.find("Usage: korvel")) << command << "\n" << result.err;
+  }
+  for (const char* command : {"register", "list", "show", "get", "demo"}) {
+    const Result help = RunKorvel({command, "--help"});
+    EXPECT_EQ(0, help.code) << command;
+    EXPECT_NE(std::string::npos, help.out.find(std::string("Usage: korvel ") + command))
+        << help.out;
+  }
+  EXPECT_EQ(0, RunKorvel({"--help"}).code);
+}
+
+TEST(CliTest, AnUnreachableEnsembleFailsWithinTheSessionTimeout) {
+  const std::string hosts = "127.0.0.1:" + std::to_string(FreeLoopbackPort());
+  for (const char* command : {"list", "register"}) {
+    const auto start = std::chrono::steady_clock::now();
+    const Result result = RunKorvel({"--zk", hosts, "--session-timeout", "1500", command, "t"});
+    const auto took = std::chrono::steady_clock::now() - start;
+    EXPECT_EQ(1, result.code) << command;
+    EXPECT_LT(took, 1500ms + 3s) << command;
+    const auto lines = Lines(result.err);
+    ASSERT_FALSE(lines.empty()) << command;
+    EXPECT_TRUE(StartsWith(lines.back(), "korvel: cannot connect to ZooKeeper at " + hosts))
+        << lines.back();
+  }
+}
+
+TEST(CliTest, AliveIsNotAServiceType) {
+  for (const char* command : {"register", "list"}) {
+    const Result result = Korvel({command, "alive"});
+    EXPECT_EQ(1, result.code) << command;
+    const auto lines = Lines(result.err);
+    ASSERT_FALSE(lines.empty()) << command;
+    EXPECT_NE(std::string::npos, lines.back().find("'alive'")) << lines.back();
+  }
+  const auto conn = Connect(Hosts());
+  EXPECT_EQ(ZNONODE, conn->Exists("/srv/alive/alive", nullptr));
+}
+
+}  // namespace
+}  // namespace korvel::test

@@ -1,0 +1,214 @@
+#include "child_process.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <stdexcept>
+
+namespace korvel::cli {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using namespace std::chrono_literals;
+
+constexpr auto kReadPollStep = 100ms;  // How often the reader looks whether it should stop.
+constexpr auto kOutputDrain = 1s;      // After the exit, until the output has ended.
+
+// A pipe whose ends are closed on exec; dup2 clears that flag on the child's copies.
+void MakePipe(int fds[2]) {
+  if (pipe2(fds, O_CLOEXEC) != 0) {
+    throw std::runtime_error(std::string("pipe: ") + std::strerror(errno));
+  }
+}
+
+int StatusCode(int status) {
+  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+}  // namespace
+
+ChildProcess::ChildProcess(const std::string& program, const std::vector<std::string>& argv) {
+  static const bool sigpipeIgnored = [] { return signal(SIGPIPE, SIG_IGN) != SIG_ERR; }();
+  (void)sigpipeIgnored;
+
+  int in[2], out[2], err[2];
+  MakePipe(in);
+  MakePipe(out);
+  MakePipe(err);
+
+  // Everything the child needs is prepared here: after fork() it may only make
+  // async-signal-safe calls.
+  std::vector<char*> args;
+  for (const std::string& arg : argv) args.push_back(const_cast<char*>(arg.c_str()));
+  args.push_back(nullptr);
+  const std::string execError = "cannot execute " + program + "\n";
+  const pid_t parent = getpid();
+  const long maxFd = sysconf(_SC_OPEN_MAX);
+
+  m_pid = fork();
+  if (m_pid == 0) {
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    if (getppid() != parent) _exit(127);  // the parent died before prctl
+    dup2(in[0], STDIN_FILENO);
+    dup2(out[1], STDOUT_FILENO);
+    dup2(err[1], STDERR_FILENO);
+#ifdef SYS_close_range
+    if (syscall(SYS_close_range, 3U, ~0U, 0U) != 0)
+#endif
+      for (long fd = 3; fd < maxFd; ++fd) close(static_cast<int>(fd));
+    sigset_t none;
+    sigemptyset(&none);
+    sigprocmask(SIG_SETMASK, &none, nullptr);
+    struct sigaction defaultAction {};
+    defaultAction.sa_handler = SIG_DFL;
+    sigaction(SIGPIPE, &defaultAction, nullptr);
+    execv(program.c_str(), args.data());
+    ssize_t ignored = write(STDERR_FILENO, execError.data(), execError.size());
+    (void)ignored;
+    _exit(127);
+  }
+  const int forkErrno = errno;
+  close(in[0]);
+  close(out[1]);
+  close(err[1]);
+  if (m_pid < 0) {
+    close(in[1]);
+    close(out[0]);
+    close(err[0]);
+    throw std::runtime_error(std::string("fork: ") + std::strerror(forkErrno));
+  }
+  m_stdin = in[1];
+  m_reader =
+      std::thread([this, stdoutFd = out[0], stderrFd = err[0]] { ReadOutput(stdoutFd, stderrFd); });
+}
+
+ChildProcess::~ChildProcess() {
+  if (Running()) {
+    kill(m_pid, SIGKILL);
+    int status = 0;
+    while (waitpid(m_pid, &status, 0) < 0 && errno == EINTR) {
+    }
+  }
+  {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_stopReading = true;
+  }
+  m_reader.join();
+  CloseStdin();
+}
+
+void ChildProcess::ReadOutput(int stdoutFd, int stderrFd) {
+  pollfd fds[2] = {{stdoutFd, POLLIN, 0}, {stderrFd, POLLIN, 0}};
+  char buffer[4096];
+  for (;;) {
+    {
+      std::lock_guard<std::mutex> lock(m_mutex);
+      if (m_stopReading || (m_captures[kStdout].closed && m_captures[kStderr].closed)) break;
+    }
+    if (poll(fds, 2, static_cast<int>(kReadPollStep.count())) < 0 && errno != EINTR) break;
+    for (int i = 0; i < 2; ++i) {
+      if (fds[i].fd < 0 || fds[i].revents == 0) continue;
+      const ssize_t n = read(fds[i].fd, buffer, sizeof buffer);
+      if (n < 0 && errno == EINTR) continue;
+      std::lock_guard<std::mutex> lock(m_mutex);
+      Capture& capture = m_captures[i];
+      if (n <= 0) {
+        capture.closed = true;
+        close(fds[i].fd);
+        fds[i].fd = -1;  // poll skips negative descriptors
+      } else {
+        capture.text.append(buffer, static_cast<std::size_t>(n));
+        for (std::size_t end;
+             (end = capture.text.find('\n', capture.lineStart)) != std::string::npos;) {
+          capture.lines.push_back(capture.text.substr(capture.lineStart, end - capture.lineStart));
+          capture.lineStart = end + 1;
+        }
+      }
+      m_changed.notify_all();
+    }
+  }
+  for (const pollfd& fd : fds) {
+    if (fd.fd >= 0) close(fd.fd);
+  }
+}
+
+bool ChildProcess::SendLine(const std::string& line) {
+  const std::string data = line + "\n";
+  std::size_t written = 0;
+  while (m_stdin >= 0 && written < data.size()) {
+    const ssize_t n = write(m_stdin, data.data() + written, data.size() - written);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) return false;
+    written += static_cast<std::size_t>(n);
+  }
+  return written == data.size();
+}
+
+void ChildProcess::CloseStdin() {
+  if (m_stdin >= 0) close(m_stdin);
+  m_stdin = -1;
+}
+
+std::string ChildProcess::Output(Stream stream) const {
+  std::lock_guard<std::mutex> lock(m_mutex);
+  return m_captures[stream].text;
+}
+
+std::optional<std::string> ChildProcess::WaitForLine(
+    Stream stream, const std::function<bool(const std::string&)>& match,
+    std::chrono::milliseconds timeout) {
+  std::unique_lock<std::mutex> lock(m_mutex);
+  std::vector<std::string>& lines = m_captures[stream].lines;
+  std::optional<std::string> found;
+  m_changed.wait_for(lock, timeout, [&] {
+    for (auto it = lines.begin(); it != lines.end(); ++it) {
+      if (!match(*it)) continue;
+      found = std::move(*it);
+      lines.erase(it);
+      return true;
+    }
+    return m_captures[stream].closed;
+  });
+  return found;
+}
+
+bool ChildProcess::Running() {
+  if (m_exitStatus) return false;
+  int status = 0;
+  if (waitpid(m_pid, &status, WNOHANG) != m_pid) return true;
+  m_exitStatus = StatusCode(status);
+  return false;
+}
+
+void ChildProcess::Signal(int signal) {
+  if (Running()) kill(m_pid, signal);
+}
+
+std::optional<int> ChildProcess::Wait(std::chrono::milliseconds timeout) {
+  const auto deadline = Clock::now() + timeout;
+  while (Running()) {
+    if (Clock::now() >= deadline) return std::nullopt;
+    std::this_thread::sleep_for(10ms);
+  }
+  std::unique_lock<std::mutex> lock(m_mutex);
+  m_changed.wait_for(lock, kOutputDrain,
+                     [this] { return m_captures[kStdout].closed && m_captures[kStderr].closed; });
+  return m_exitStatus;
+}
+
+int ChildProcess::Stop(std::chrono::milliseconds grace) {
+  Signal(SIGTERM);
+  if (auto status = Wait(grace)) return *status;
+  Signal(SIGKILL);
+  // A killed process is reaped at once; the bound is only a guard.
+  return Wait(10s).value_or(128 + SIGKILL);
+}
+
+}  // namespace korvel::cli

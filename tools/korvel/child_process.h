@@ -1,0 +1,86 @@
+// A child process whose stdin, stdout and stderr are pipes, for the demo of the korvel tool and
+// for its tests: commands go to its stdin line by line, its output is collected by a reader
+// thread and can be waited for line by line. Every wait is bounded.
+//
+// The child is killed by the kernel if the thread that started it dies (PR_SET_PDEATHSIG), and by
+// the destructor if it still runs; it starts with no signal blocked and SIGPIPE at its default.
+// Starting the first child makes the calling process ignore SIGPIPE, so that writing to a child
+// that has gone fails with EPIPE instead of ending the writer.
+//
+// Thread-safety: create, use and destroy a ChildProcess on one thread (the one that started it).
+#ifndef KORVEL_TOOLS_KORVEL_CHILD_PROCESS_H_
+#define KORVEL_TOOLS_KORVEL_CHILD_PROCESS_H_
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <functional>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace korvel::cli {
+
+class ChildProcess {
+ public:
+  enum Stream { kStdout = 0, kStderr = 1 };
+
+  // Starts `program` with the argument vector `argv` (argv[0] included) and this process's
+  // environment. Throws std::runtime_error if the pipes or the fork fail; a program that cannot
+  // be executed exits with code 127.
+  ChildProcess(const std::string& program, const std::vector<std::string>& argv);
+  // Kills the child with SIGKILL if it still runs, and reaps it.
+  ~ChildProcess();
+  ChildProcess(const ChildProcess&) = delete;
+  ChildProcess& operator=(const ChildProcess&) = delete;
+
+  pid_t Pid() const { return m_pid; }
+
+  // Writes `line` and a newline to the child's stdin; false if the child does not read any more.
+  bool SendLine(const std::string& line);
+  void CloseStdin();
+
+  // Everything the child wrote to `stream` so far.
+  std::string Output(Stream stream) const;
+  // The first complete line on `stream` that `match` accepts and that no earlier call returned,
+  // waiting up to `timeout` for it; nullopt when none came in time.
+  std::optional<std::string> WaitForLine(Stream stream,
+                                         const std::function<bool(const std::string&)>& match,
+                                         std::chrono::milliseconds timeout);
+
+  // True until the child has exited (and has been reaped).
+  bool Running();
+  // Sends `signal` unless the child has been reaped already.
+  void Signal(int signal);
+  // Waits up to `timeout` for the child to exit and for its output to end: its exit code, or 128
+  // plus the number of the signal that ended it; nullopt if it still runs.
+  std::optional<int> Wait(std::chrono::milliseconds timeout);
+  // SIGTERM, up to `grace` to exit, then SIGKILL: the exit status as Wait gives it.
+  int Stop(std::chrono::milliseconds grace);
+
+ private:
+  struct Capture {
+    std::string text;                // everything received
+    std::size_t lineStart = 0;       // where the incomplete last line starts in `text`
+    std::vector<std::string> lines;  // complete lines not returned by WaitForLine yet
+    bool closed = false;
+  };
+
+  void ReadOutput(int stdoutFd, int stderrFd);
+
+  pid_t m_pid = -1;
+  std::optional<int> m_exitStatus;
+  int m_stdin = -1;
+  mutable std::mutex m_mutex;
+  std::condition_variable m_changed;
+  Capture m_captures[2];
+  bool m_stopReading = false;
+  std::thread m_reader;
+};
+
+}  // namespace korvel::cli
+
+#endif  // KORVEL_TOOLS_KORVEL_CHILD_PROCESS_H_

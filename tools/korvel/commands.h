@@ -1,0 +1,77 @@
+// The commands of the korvel tool. Each returns the process's exit code and throws Failure (exit
+// code 1) with a one-line message naming what failed.
+#ifndef KORVEL_TOOLS_KORVEL_COMMANDS_H_
+#define KORVEL_TOOLS_KORVEL_COMMANDS_H_
+
+#include <korvel/service.h>
+
+#include <chrono>
+#include <memory>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "output.h"
+
+namespace korvel::cli {
+
+struct Failure : std::runtime_error {
+  using std::runtime_error::runtime_error;
+};
+
+// The options that every command shares.
+struct Settings {
+  std::string hosts;
+  std::chrono::milliseconds sessionTimeout;
+};
+
+// An attribute of a child record: "CHILD:ATTR=VALUE" on the command line and on stdin.
+struct ChildAttribute {
+  std::string child;
+  std::string attribute;
+  std::string value;
+
+  // Parses "CHILD:ATTR=VALUE" (all three non-empty); nullopt for anything else.
+  static std::optional<ChildAttribute> Parse(const std::string& text);
+  std::string ToString() const;
+};
+
+struct RegisterOptions {
+  std::string type;
+  std::string name;
+  std::optional<qx::korvel::ServiceId> id;
+  qx::korvel::Service::Status status = qx::korvel::Service::DOWN;
+  std::vector<ChildAttribute> childAttributes;
+};
+
+int RunRegister(const Settings& settings, const RegisterOptions& options);
+int RunList(const Settings& settings, const std::string& type, bool json, bool watch);
+int RunShow(const Settings& settings, const std::string& type, const qx::korvel::ServiceId& id,
+            const std::string& child, bool json);
+int RunGet(const Settings& settings, const std::string& type, const qx::korvel::ServiceId& id,
+           const std::string& attribute, const std::string& child);
+int RunDemo(const Settings& settings);
+
+// Building blocks that the demo shares with the commands.
+
+// A connected session; Failure "cannot connect to ZooKeeper at HOSTS" otherwise.
+std::shared_ptr<qx::korvel::Connection> Connect(const std::string& hosts,
+                                                std::chrono::milliseconds sessionTimeout);
+// The live instances of the watcher's type with their own attributes, oldest first (then by
+// name and id).
+std::vector<InstanceFacts> ReadInstances(const qx::korvel::OldServiceWatcher& watcher);
+// What `list TYPE` prints.
+std::string FormatInstances(const std::vector<InstanceFacts>& instances, bool json);
+// What `show TYPE ID [--child PATH]` prints; Failure for a missing instance or child.
+std::string ShowInstance(const qx::korvel::OldServiceWatcher& watcher, const std::string& type,
+                         const qx::korvel::ServiceId& id, const std::string& child, bool json);
+
+// "up", "down", "up_sending_disabled" -> the status; nullopt for anything else.
+std::optional<qx::korvel::Service::Status> ParseStatus(const std::string& text);
+// A ServiceId from its text form; nullopt for anything else.
+std::optional<qx::korvel::ServiceId> ParseServiceId(const std::string& text);
+
+}  // namespace korvel::cli
+
+#endif  // KORVEL_TOOLS_KORVEL_COMMANDS_H_

@@ -1,0 +1,150 @@
+// korvel: registers service instances in ZooKeeper and finds them; `korvel demo` shows it all
+// against a ZooKeeper of its own. Options and dispatch; the commands live in the other files.
+//
+// Exit codes: 0 success, 1 failure (one line on stderr naming it), 2 usage error.
+#include <logger/logger.h>
+
+#include <CLI/CLI.hpp>
+#include <cstdlib>
+#include <iostream>
+#include <map>
+
+#include "commands.h"
+
+namespace {
+
+const std::map<std::string, qx::logging::LogLevel> kLogLevels = {
+    {"debug", qx::logging::QXLOG_DEBUG},       {"info", qx::logging::QXLOG_INFO},
+    {"warning", qx::logging::QXLOG_WARNING},   {"error", qx::logging::QXLOG_ERROR},
+    {"critical", qx::logging::QXLOG_CRITICAL},
+};
+
+// Checks a value with `parse`, which returns nullopt for a bad one; `name` says what it should be.
+template <typename Parse>
+CLI::Validator Parsable(const std::string& name, Parse parse) {
+  return CLI::Validator(
+      [name, parse](std::string& text) {
+        return parse(text) ? std::string() : "not " + name + ": '" + text + "'";
+      },
+      "");
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  CLI::App app("Announces service instances in Apache ZooKeeper and finds them.", "korvel");
+  app.require_subcommand(1);
+  app.fallthrough();  // the global options may also follow the command
+  app.failure_message([](const CLI::App* failed, const CLI::Error& e) {
+    const auto unexpected = failed->remaining();
+    const std::string what = failed->get_subcommands().empty() && !unexpected.empty()
+                                 ? "unknown command '" + unexpected.front() + "'"
+                                 : e.what();
+    return "korvel: " + what + "\n\n" + failed->help();
+  });
+
+  std::string hosts = "127.0.0.1:2181";
+  int sessionTimeoutMs = 10000;
+  std::string logLevel;
+  app.add_option("--zk", hosts, "ZooKeeper connect string")
+      ->envname("KORVEL_ZK")
+      ->type_name("HOSTS")
+      ->capture_default_str();
+  app.add_option("--session-timeout", sessionTimeoutMs, "Session timeout in milliseconds")
+      ->check(CLI::Range(1, 3600 * 1000))
+      ->type_name("MS")
+      ->capture_default_str();
+  app.add_option("--log-level", logLevel,
+                 "Minimum level of the library's log records on stderr (default: "
+                 "KORVEL_LOG_LEVEL, else warning)")
+      ->check(CLI::IsMember(kLogLevels))
+      ->type_name("LEVEL");
+
+  const auto statusCheck =
+      Parsable("a status (up, down, up_sending_disabled)", korvel::cli::ParseStatus);
+  const auto idCheck = Parsable("an instance id", korvel::cli::ParseServiceId);
+  const auto attributeCheck = Parsable("CHILD:ATTR=VALUE", korvel::cli::ChildAttribute::Parse);
+
+  korvel::cli::RegisterOptions registerOptions;
+  std::string status = "down", id;
+  std::vector<std::string> childAttributes;
+  auto* registerCommand =
+      app.add_subcommand("register", "Registers an instance until SIGINT or SIGTERM.");
+  registerCommand->footer(
+      "Prints the instance's id, then answers commands on stdin, one line each:\n"
+      "  status up|down|up_sending_disabled\n"
+      "  attr CHILD:ATTR=VALUE\n"
+      "  remove CHILD\n"
+      "  expire-session    (a fault drill: the server expires this instance's session)\n"
+      "After a session expiry it registers again and prints \"re-registered ID\".");
+  registerCommand->add_option("TYPE", registerOptions.type, "Service type")->required();
+  registerCommand->add_option("--name", registerOptions.name, "Service name");
+  registerCommand->add_option("--id", id, "Instance id (default: a new random one)")
+      ->check(idCheck)
+      ->type_name("UUID");
+  registerCommand->add_option("--status", status, "Status once registered")
+      ->check(statusCheck)
+      ->type_name("up|down|up_sending_disabled")
+      ->capture_default_str();
+  registerCommand
+      ->add_option("--child-attr", childAttributes, "Attribute of a child record (repeatable)")
+      ->check(attributeCheck)
+      ->type_name("CHILD:ATTR=VALUE");
+
+  std::string type, child, attribute;
+  bool json = false, watch = false;
+  auto* listCommand = app.add_subcommand("list", "Lists the live instances of a type.");
+  listCommand->add_option("TYPE", type, "Service type")->required();
+  listCommand->add_flag("--json", json, "Print JSON");
+  listCommand->add_flag("--watch", watch, "Print the list again at every change until stopped");
+
+  auto* showCommand =
+      app.add_subcommand("show", "Prints the attributes and child records of an instance.");
+  showCommand->add_option("TYPE", type, "Service type")->required();
+  showCommand->add_option("ID", id, "Instance id")->required()->check(idCheck)->type_name("UUID");
+  showCommand->add_option("--child", child, "Path of a child record");
+  showCommand->add_flag("--json", json, "Print JSON");
+
+  auto* getCommand = app.add_subcommand("get", "Prints the value of one attribute.");
+  getCommand->add_option("TYPE", type, "Service type")->required();
+  getCommand->add_option("ID", id, "Instance id")->required()->check(idCheck)->type_name("UUID");
+  getCommand->add_option("ATTRIBUTE", attribute, "Attribute name")->required();
+  getCommand->add_option("--child", child, "Path of a child record");
+
+  auto* demoCommand = app.add_subcommand(
+      "demo", "Runs a tour against a ZooKeeper of its own (started on a free loopback port).");
+
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& e) {
+    const int code = app.exit(e);
+    return code == 0 ? 0 : 2;
+  }
+
+  if (!logLevel.empty()) {
+    qx::logging::SetMinimumLoggingLevel(kLogLevels.at(logLevel));
+  } else if (std::getenv("KORVEL_LOG_LEVEL") == nullptr) {
+    qx::logging::SetMinimumLoggingLevel(qx::logging::QXLOG_WARNING);
+  }
+  const korvel::cli::Settings settings{hosts, std::chrono::milliseconds(sessionTimeoutMs)};
+  const auto serviceId = [&id] { return *korvel::cli::ParseServiceId(id); };
+
+  try {
+    if (*registerCommand) {
+      registerOptions.status = *korvel::cli::ParseStatus(status);
+      if (!id.empty()) registerOptions.id = serviceId();
+      for (const std::string& text : childAttributes) {
+        registerOptions.childAttributes.push_back(*korvel::cli::ChildAttribute::Parse(text));
+      }
+      return korvel::cli::RunRegister(settings, registerOptions);
+    }
+    if (*listCommand) return korvel::cli::RunList(settings, type, json, watch);
+    if (*showCommand) return korvel::cli::RunShow(settings, type, serviceId(), child, json);
+    if (*getCommand) return korvel::cli::RunGet(settings, type, serviceId(), attribute, child);
+    if (*demoCommand) return korvel::cli::RunDemo(settings);
+  } catch (const std::exception& e) {
+    std::cerr << "korvel: " << e.what() << "\n";
+    return 1;
+  }
+  return 2;
+}

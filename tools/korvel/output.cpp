@@ -1,0 +1,94 @@
+#include "output.h"
+
+#include <algorithm>
+#include <sstream>
+
+namespace korvel::cli {
+namespace {
+
+struct Column {
+  const char* heading;
+  const char* attribute;  // nullptr: the id
+};
+
+const Column kColumns[] = {
+    {"ID", nullptr}, {"STATUS", "status"},      {"NAME", "service_name"}, {"HOST", "hostname"},
+    {"PID", "pid"},  {"STARTED", "start_time"}, {"VERSION", "version"},
+};
+
+// Writes `cells` padded to `widths`, two spaces apart; the last cell unpadded.
+void WriteRow(std::ostream& out, const std::vector<std::string>& cells,
+              const std::vector<std::size_t>& widths) {
+  for (std::size_t i = 0; i < cells.size(); ++i) {
+    out << cells[i];
+    if (i + 1 < cells.size()) out << std::string(widths[i] - cells[i].size() + 2, ' ');
+  }
+  out << "\n";
+}
+
+void WriteRecord(std::ostream& out, const Record& record, const std::string& indent) {
+  std::size_t width = 0;
+  for (const auto& [name, value] : record.attributes) width = std::max(width, name.size());
+  for (const auto& [name, value] : record.attributes) {
+    out << indent << name << std::string(width - name.size() + 2, ' ') << value << "\n";
+  }
+  for (const Record& child : record.children) {
+    out << indent << child.name << "/\n";
+    WriteRecord(out, child, indent + "  ");
+  }
+}
+
+}  // namespace
+
+const std::vector<std::string> kOwnAttributes = {
+    "status", "service_name", "hostname", "pid", "start_time", "chef_recipe_name", "version"};
+
+std::string InstanceFacts::Get(const std::string& name) const {
+  for (const auto& [attribute, value] : attributes) {
+    if (attribute == name) return value;
+  }
+  return "-";
+}
+
+std::string FormatTable(const std::vector<InstanceFacts>& instances) {
+  std::vector<std::vector<std::string>> rows(1);
+  for (const Column& column : kColumns) rows[0].push_back(column.heading);
+  for (const InstanceFacts& instance : instances) {
+    std::vector<std::string>& row = rows.emplace_back();
+    for (const Column& column : kColumns) {
+      row.push_back(column.attribute ? instance.Get(column.attribute) : instance.id);
+    }
+  }
+  std::vector<std::size_t> widths(rows[0].size(), 0);
+  for (const auto& row : rows) {
+    for (std::size_t i = 0; i < row.size(); ++i) widths[i] = std::max(widths[i], row[i].size());
+  }
+  std::ostringstream out;
+  for (const auto& row : rows) WriteRow(out, row, widths);
+  return out.str();
+}
+
+Json InstancesToJson(const std::vector<InstanceFacts>& instances) {
+  Json list = Json::array();
+  for (const InstanceFacts& instance : instances) {
+    Json object = {{"id", instance.id}};
+    for (const auto& [name, value] : instance.attributes) object[name] = value;
+    list.push_back(std::move(object));
+  }
+  return list;
+}
+
+std::string FormatRecord(const Record& record) {
+  std::ostringstream out;
+  WriteRecord(out, record, "");
+  return out.str();
+}
+
+Json RecordToJson(const Record& record) {
+  Json object = Json::object();
+  for (const auto& [name, value] : record.attributes) object[name] = value;
+  for (const Record& child : record.children) object[child.name] = RecordToJson(child);
+  return object;
+}
+
+}  // namespace korvel::cli

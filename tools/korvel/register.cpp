@@ -1,0 +1,256 @@
+// The register command: one instance that stays registered until SIGINT or SIGTERM, also across
+// session expiries, and takes commands from stdin.
+#include <korvel/error.h>
+#include <korvel/utils.h>
+#include <poll.h>
+#include <stlext/uuid.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <boost/algorithm/string/trim.hpp>
+#include <cerrno>
+#include <condition_variable>
+#include <iostream>
+#include <mutex>
+#include <thread>
+
+#include "commands.h"
+#include "signals.h"
+#include "zklocal/zklocal.h"
+
+namespace korvel::cli {
+namespace {
+
+using namespace std::chrono_literals;
+using qx::korvel::Connection;
+using qx::korvel::Service;
+
+// How long teardown waits for a republication under way.
+constexpr auto kRepublishWait = 10s;
+
+// Writes one whole line to stdout and flushes it: the main thread and the event thread both
+// print, and whoever reads the other end of a pipe waits for whole lines.
+void PrintLine(const std::string& line) {
+  static std::mutex mutex;
+  std::lock_guard<std::mutex> lock(mutex);
+  std::cout << line << std::endl;
+}
+
+// What the instance publishes beyond its registration: its status and its child attributes,
+// remembered so that they can be published again after a session expiry. Registered with the
+// connection after the service itself, so that it is notified after the service has registered
+// again (status "down"), and then publishes the remembered state.
+class Registration : public qx::korvel::ConnectionObserver {
+ public:
+  explicit Registration(std::shared_ptr<Service> service) : m_service(std::move(service)) {}
+
+  // Each publishes at once (throwing KorvelError on failure) and is remembered.
+  void SetStatus(Service::Status status) {
+    Remember([&] { m_status = status; });
+    m_service->SetStatus(status);
+  }
+  void SetChildAttribute(const ChildAttribute& attribute) {
+    Remember([&] {
+      for (ChildAttribute& known : m_attributes) {
+        if (known.child == attribute.child && known.attribute == attribute.attribute) {
+          known.value = attribute.value;
+          return;
+        }
+      }
+      m_attributes.push_back(attribute);
+    });
+    m_service->SetChildAttribute(attribute.child, attribute.attribute, attribute.value);
+  }
+  // Deletes the child record `child` (normalised) with everything below it. False when it does
+  // not exist or could not be deleted.
+  bool RemoveChild(const std::string& child) {
+    Remember([&] {
+      const auto below = [&child](const ChildAttribute& a) {
+        return a.child == child || a.child.rfind(child + "/", 0) == 0;
+      };
+      m_attributes.erase(std::remove_if(m_attributes.begin(), m_attributes.end(), below),
+                         m_attributes.end());
+    });
+    const std::string node = m_service->GetRoot() + "/" + child;
+    const Connection& conn = *m_service->GetConnection();
+    if (conn.Exists(node, nullptr) != ZOK) return false;
+    m_service->RemoveChild(child, false);
+    return conn.Exists(node, nullptr) == ZNONODE;
+  }
+
+  // Waits (bounded) for a republication under way, stops further ones, and unregisters the
+  // instance by destroying the service.
+  void Close() {
+    std::shared_ptr<Service> service;
+    {
+      std::unique_lock<std::mutex> lock(m_mutex);
+      m_closed = true;
+      m_idle.wait_for(lock, kRepublishWait, [this] { return !m_republishing; });
+      service = std::move(m_service);
+    }
+  }
+
+  void OnSessionEvent(int type, int state, qx::String) override {
+    if (type != ZOO_SESSION_EVENT) return;
+    std::shared_ptr<Service> service;
+    Service::Status status;
+    std::vector<ChildAttribute> attributes;
+    {
+      std::lock_guard<std::mutex> lock(m_mutex);
+      if (state == ZOO_EXPIRED_SESSION_STATE) m_expired = true;
+      if (state != ZOO_CONNECTED_STATE || !m_expired || m_closed) return;
+      m_expired = false;
+      m_republishing = true;
+      service = m_service;
+      status = m_status;
+      attributes = m_attributes;
+    }
+    std::string result = "re-registered " + qx::uuid::to_string(service->GetId());
+    try {
+      service->SetStatus(status);
+      for (const ChildAttribute& a : attributes) {
+        service->SetChildAttribute(a.child, a.attribute, a.value);
+      }
+    } catch (const std::exception& e) {
+      result = std::string("error: publishing again after the session expiry failed: ") + e.what();
+    }
+    {
+      std::lock_guard<std::mutex> lock(m_mutex);
+      m_republishing = false;
+    }
+    m_idle.notify_all();
+    PrintLine(result);
+  }
+
+ private:
+  template <typename F>
+  void Remember(F change) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    change();
+  }
+
+  std::shared_ptr<Service> m_service;  // reset by Close
+  std::mutex m_mutex;
+  std::condition_variable m_idle;
+  Service::Status m_status = Service::DOWN;
+  std::vector<ChildAttribute> m_attributes;  // the latest value of each child attribute
+  bool m_expired = false;
+  bool m_republishing = false;
+  bool m_closed = false;
+};
+
+// Runs one stdin command and returns its answer line.
+std::string Execute(const std::string& line, Registration& registration, const std::string& hosts,
+                    const Connection& conn) {
+  const std::string trimmed = boost::algorithm::trim_copy(line);
+  const auto space = trimmed.find(' ');
+  const std::string command = trimmed.substr(0, space);
+  const std::string argument =
+      space == std::string::npos ? "" : boost::algorithm::trim_copy(trimmed.substr(space));
+  try {
+    if (command == "status") {
+      const auto status = ParseStatus(argument);
+      if (!status) return "error: unknown status '" + argument + "'";
+      registration.SetStatus(*status);
+      return "ok status " + argument;
+    }
+    if (command == "attr") {
+      const auto attribute = ChildAttribute::Parse(argument);
+      if (!attribute) return "error: expected attr CHILD:ATTR=VALUE";
+      registration.SetChildAttribute(*attribute);
+      return "ok attr " + attribute->ToString();
+    }
+    if (command == "remove") {
+      const std::string child = qx::korvel::NormalizePath(argument);
+      if (child.empty()) return "error: expected remove CHILD";
+      if (!registration.RemoveChild(child))
+        return "error: cannot remove child record '" + child + "'";
+      return "ok removed " + child;
+    }
+    if (command == "expire-session" && argument.empty()) {
+      zklocal::ExpireSession(hosts, conn.ClientId());
+      return "ok session expired";
+    }
+  } catch (const std::exception& e) {
+    return std::string("error: ") + e.what();
+  }
+  return "error: unknown command '" + trimmed +
+         "' (status STATUS, attr CHILD:ATTR=VALUE, remove CHILD, expire-session)";
+}
+
+// Answers the commands on stdin until SIGINT or SIGTERM; after the end of stdin it only waits.
+void ServeCommands(Registration& registration, const std::string& hosts, const Connection& conn) {
+  std::string pending;
+  bool stdinOpen = true;
+  while (!ReceivedStopSignal()) {
+    if (!stdinOpen) {
+      std::this_thread::sleep_for(100ms);
+      continue;
+    }
+    pollfd in{STDIN_FILENO, POLLIN, 0};
+    if (poll(&in, 1, 100) <= 0) continue;  // short steps, so that a stop signal is seen promptly
+    char buffer[4096];
+    const ssize_t n = read(STDIN_FILENO, buffer, sizeof buffer);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) {
+      stdinOpen = false;
+      continue;
+    }
+    pending.append(buffer, static_cast<std::size_t>(n));
+    for (std::size_t end; (end = pending.find('\n')) != std::string::npos;) {
+      std::string line = pending.substr(0, end);
+      pending.erase(0, end + 1);
+      if (boost::algorithm::trim_copy(line).empty()) continue;
+      PrintLine(Execute(line, registration, hosts, conn));
+    }
+  }
+}
+
+}  // namespace
+
+std::optional<ChildAttribute> ChildAttribute::Parse(const std::string& text) {
+  const auto colon = text.find(':');
+  const auto equals = text.find('=', colon);
+  if (colon == std::string::npos || equals == std::string::npos) return std::nullopt;
+  ChildAttribute parsed{qx::korvel::NormalizePath(text.substr(0, colon)),
+                        qx::korvel::NormalizePath(text.substr(colon + 1, equals - colon - 1)),
+                        text.substr(equals + 1)};
+  if (parsed.child.empty() || parsed.attribute.empty()) return std::nullopt;
+  return parsed;
+}
+
+std::string ChildAttribute::ToString() const {
+  return child + ":" + attribute + "=" + value;
+}
+
+int RunRegister(const Settings& settings, const RegisterOptions& options) {
+  WatchStopSignals();
+  auto conn = Connect(settings.hosts, settings.sessionTimeout);
+  std::shared_ptr<Service> service;
+  try {
+    service = options.id ? std::make_shared<Service>(conn, options.type, *options.id, options.name)
+                         : std::make_shared<Service>(conn, options.type, options.name);
+  } catch (const qx::korvel::KorvelError& e) {
+    throw Failure("cannot register an instance of type '" + options.type + "': " + e.what());
+  }
+  const std::string id = qx::uuid::to_string(service->GetId());
+  service->RegisterForSessionEvent();
+  auto registration = std::make_shared<Registration>(std::move(service));
+  conn->RegisterWeak(registration);
+  try {
+    registration->SetStatus(options.status);
+    for (const ChildAttribute& attribute : options.childAttributes) {
+      registration->SetChildAttribute(attribute);
+    }
+  } catch (const qx::korvel::KorvelError& e) {
+    throw Failure("cannot publish the state of instance " + id + ": " + e.what());
+  }
+  PrintLine(id);
+
+  ServeCommands(*registration, settings.hosts, *conn);
+  conn->Unregister(registration.get());
+  registration->Close();  // the service goes first, then the connection
+  return 0;
+}
+
+}  // namespace korvel::cli
