@@ -1,5 +1,6 @@
 // The read commands: list, show, get.
 #include <korvel/error.h>
+#include <korvel/service_cache.h>
 #include <korvel/utils.h>
 #include <stlext/uuid.h>
 
@@ -25,7 +26,6 @@ using qx::korvel::ServiceId;
 // After a change the listing waits this long, so that a registration's facts, published one
 // after another, are read together.
 constexpr auto kSettleTime = 100ms;
-constexpr auto kRetryAfterFailure = 1s;
 
 void Check(int rc, const std::string& what) {
   if (rc != ZOK) throw Failure(what + ": " + zerror(rc));
@@ -48,6 +48,13 @@ OldServiceWatcher WatchType(std::shared_ptr<Connection> conn, const std::string&
   }
 }
 
+void SortInstances(std::vector<InstanceFacts>& instances) {
+  std::sort(instances.begin(), instances.end(), [](const auto& a, const auto& b) {
+    return std::make_tuple(a.Get("start_time"), a.Get("service_name"), a.id) <
+           std::make_tuple(b.Get("start_time"), b.Get("service_name"), b.id);
+  });
+}
+
 // The own attributes of each instance; an instance that is gone by now is skipped.
 std::vector<InstanceFacts> ReadFacts(const OldServiceWatcher& watcher,
                                      const std::vector<ServiceId>& ids) {
@@ -67,10 +74,22 @@ std::vector<InstanceFacts> ReadFacts(const OldServiceWatcher& watcher,
     }
     instances.push_back(std::move(facts));
   }
-  std::sort(instances.begin(), instances.end(), [](const auto& a, const auto& b) {
-    return std::make_tuple(a.Get("start_time"), a.Get("service_name"), a.id) <
-           std::make_tuple(b.Get("start_time"), b.Get("service_name"), b.id);
-  });
+  SortInstances(instances);
+  return instances;
+}
+
+std::vector<InstanceFacts> FactsOf(const qx::korvel::ServiceSnapshot& snapshot) {
+  std::vector<InstanceFacts> instances;
+  for (const auto& instance : snapshot.instances) {
+    InstanceFacts facts{qx::uuid::to_string(instance->id), {}};
+    for (const std::string& attribute : kOwnAttributes) {
+      if (const std::string* value = instance->Attribute(attribute)) {
+        facts.attributes.emplace_back(attribute, *value);
+      }
+    }
+    instances.push_back(std::move(facts));
+  }
+  SortInstances(instances);
   return instances;
 }
 
@@ -121,39 +140,33 @@ class ChangeFlag {
   bool m_changed = false;
 };
 
-// Prints the list at every change until SIGINT or SIGTERM. A list watch sees instances come and
-// go, a watch on each instance's status its changes; both fire once and are set again with every
-// listing. An expired session ends them too, and the next listing uses the new session.
-int WatchInstances(const OldServiceWatcher& watcher, bool json) {
+// Prints the list at every change until SIGINT or SIGTERM. The cache keeps it current: it
+// watches the instances and their statuses, and lists and reads everything again after a new
+// session. A change is printed once it has settled, so that a registration's facts, published
+// one after another, show together.
+int WatchInstances(std::shared_ptr<Connection> conn, const std::string& type, bool json) {
+  qx::korvel::ServiceCache cache(std::move(conn), type);
   ChangeFlag changed;
-  const qx::korvel::WatchFunction onChange = [&changed](int, int, std::string) { changed.Set(); };
+  cache.AddListener([&changed](const qx::korvel::ServiceCacheEvent&) { changed.Set(); });
+  cache.Start();
   std::string printed;
+  bool current = false;
   while (!ReceivedStopSignal()) {
-    std::vector<Connection::WatchHandle> watches;
-    bool failed = false;
-    try {
-      auto [rc, ids, listWatch] = watcher.List(onChange);
-      watches.push_back(std::move(listWatch));
-      Check(rc, "cannot list the live instances");
-      for (const ServiceId& id : ids) {
-        watches.push_back(std::get<1>(watcher.HasAttribute(id, "status", onChange)));
-      }
-      const std::string text = FormatInstances(ReadFacts(watcher, ids), json);
-      if (text != printed) std::cout << (printed.empty() ? "" : "\n") << text << std::flush;
-      printed = text;
-    } catch (const Failure& e) {
-      std::cerr << "korvel: " << e.what() << "; trying again\n";
-      failed = true;
+    if (!changed.WaitAndClear(100ms)) continue;
+    std::this_thread::sleep_for(kSettleTime);
+    changed.WaitAndClear(0ms);  // the snapshot below shows what changed meanwhile
+    const auto snapshot = cache.Snapshot();
+    if (snapshot->current != current && !printed.empty()) {
+      std::cerr << "korvel: "
+                << (snapshot->current ? "the list is current again"
+                                      : "the list may be stale: no connection")
+                << "\n";
     }
-    // Until a change (after a failure: a second), in short steps so that a stop signal is seen.
-    const auto retryAt = std::chrono::steady_clock::now() + kRetryAfterFailure;
-    while (!ReceivedStopSignal() && !(failed && std::chrono::steady_clock::now() >= retryAt)) {
-      if (changed.WaitAndClear(100ms)) {
-        std::this_thread::sleep_for(kSettleTime);
-        changed.WaitAndClear(0ms);  // the next listing sees what changed meanwhile
-        break;
-      }
-    }
+    current = snapshot->current;
+    if (!current) continue;
+    const std::string text = FormatInstances(FactsOf(*snapshot), json);
+    if (text != printed) std::cout << (printed.empty() ? "" : "\n") << text << std::flush;
+    printed = text;
   }
   return 0;
 }
@@ -214,8 +227,9 @@ std::optional<ServiceId> ParseServiceId(const std::string& text) {
 
 int RunList(const Settings& settings, const std::string& type, bool json, bool watch) {
   if (watch) WatchStopSignals();
-  const auto watcher = WatchType(Connect(settings.hosts, settings.sessionTimeout), type);
-  if (watch) return WatchInstances(watcher, json);
+  const auto conn = Connect(settings.hosts, settings.sessionTimeout);
+  const auto watcher = WatchType(conn, type);
+  if (watch) return WatchInstances(conn, type, json);
   std::cout << FormatInstances(ReadInstances(watcher), json);
   return 0;
 }
