@@ -34,7 +34,7 @@ const logging::ConstSourcePtr& g_clientLog =
 // The client logs every failed connection attempt while a server is away;
 // beyond this many warnings and errors a second the rest are counted and
 // summarised.
-constexpr int kClientWarningsPerSecond = 20;
+constexpr int kClientWarningsPerSecond = 5;
 
 void RouteClientLine(const char* text, std::size_t length) {
   while (length > 0 && (text[length - 1] == '\n' || text[length - 1] == '\r')) --length;
