@@ -1,34 +1,28 @@
 // The service cache against the C client doing the same work directly, each
-// pair measured side by side and interleaved (A B A B ...), medians reported:
+// pair measured side by side and interleaved (A B, B A, ...), medians reported:
 // - snapshot reads per second from two threads;
 // - the cold build of a type with many instances, against one listing plus
 //   one read per instance, pipelined, through the C client;
 // - the time from a new instance's liveness node to its appearance in the
 //   snapshot, against the C client's own child watch.
+// The cold build and the latency are also compared with the same requests as
+// the cache makes, made directly.
 //
-//   cache_bench [HOSTS] [--instances N] [--rounds R] [--json FILE]
-// Without HOSTS it starts a local ZooKeeper on a free loopback port.
+//   cache_bench HOSTS [--quick] [--json FILE] [--instances N] [--rounds R] [--add-rounds R]
 #include <korvel/service_cache.h>
 #include <korvel/utils.h>
 #include <logger/logger.h>
 #include <stlext/uuid.h>
 
 #include <atomic>
-#include <condition_variable>
-#include <cstring>
-#include <iostream>
 #include <memory>
-#include <mutex>
+#include <set>
 #include <thread>
 
 #include "bench_util.h"
-#include "zklocal/zklocal.h"
 
 using namespace std::chrono_literals;
-using korvel::bench::Clock;
-using korvel::bench::Median;
-using korvel::bench::Row;
-using korvel::bench::Seconds;
+using namespace korvel::bench;
 using qx::korvel::Connection;
 using qx::korvel::ServiceCache;
 
@@ -42,83 +36,54 @@ const char* const kAttributes[] = {"status",     "service_name",     "hostname",
 void Populate(const Connection& conn, const std::string& type, int count) {
   qx::korvel::EnsurePath(conn, "/srv/alive/" + type, false, ZOO_OPEN_ACL_UNSAFE);
   qx::korvel::EnsurePath(conn, "/srv/" + type, false, ZOO_OPEN_ACL_UNSAFE);
-  std::vector<Connection::CreateRequest> batch;
-  const auto flush = [&] {
-    conn.CreateAll(batch, ZOO_OPEN_ACL_UNSAFE);
-    batch.clear();
-  };
+  std::vector<Connection::CreateRequest> nodes;
   for (int i = 0; i < count; ++i) {
-    const std::string id = qx::uuid::to_string(qx::korvel::RandomServiceId());
+    const std::string id = NewId();
     const std::string root = "/srv/" + type + "/" + id;
-    batch.push_back({root, "", 0});
+    nodes.push_back({root, "", 0});
     for (const char* attribute : kAttributes) {
-      batch.push_back({root + "/" + attribute, attribute == std::string("status") ? "up" : "x", 0});
+      nodes.push_back({root + "/" + attribute, attribute == std::string("status") ? "up" : "x", 0});
     }
-    batch.push_back({"/srv/alive/" + type + "/" + id, "", 0});
-    if (batch.size() > 8000) flush();
+    nodes.push_back({"/srv/alive/" + type + "/" + id, "", 0});
   }
-  flush();
+  CreateBatched(conn, nodes);
 }
 
-struct RawClient {
-  zhandle_t* zh = nullptr;
-  explicit RawClient(const std::string& hosts) {
-    std::mutex mutex;
-    std::condition_variable cv;
-    bool connected = false;
-    struct Context {
-      std::mutex* mutex;
-      std::condition_variable* cv;
-      bool* connected;
-    } context{&mutex, &cv, &connected};
-    zh = zookeeper_init(
-        hosts.c_str(),
-        [](zhandle_t*, int type, int state, const char*, void* data) {
-          auto* c = static_cast<Context*>(data);
-          if (type == ZOO_SESSION_EVENT && state == ZOO_CONNECTED_STATE) {
-            std::lock_guard<std::mutex> lock(*c->mutex);
-            *c->connected = true;
-            c->cv->notify_all();
-          }
-        },
-        10000, nullptr, &context, 0);
-    std::unique_lock<std::mutex> lock(mutex);
-    if (!cv.wait_for(lock, 10s, [&] { return connected; })) throw std::runtime_error("no session");
-    zoo_set_context(zh, nullptr);
+// Reads each of `attributes` of every instance of `ids`, pipelined; the
+// first one's reads set a watch (a no-op), as the cache's reads of "status" do.
+void RawReadAll(const RawClient& raw, const std::string& type, const std::vector<std::string>& ids,
+                const std::vector<const char*>& attributes) {
+  const watcher_fn ignore = [](zhandle_t*, int, int, const char*, void*) {};
+  Completions done(static_cast<int>(ids.size() * attributes.size()));
+  for (const std::string& id : ids) {
+    const std::string root = "/srv/" + type + "/" + id + "/";
+    for (const char* attribute : attributes) {
+      const int rc = zoo_awget(
+          raw.zh(), (root + attribute).c_str(), attribute == attributes.front() ? ignore : nullptr,
+          nullptr,
+          [](int, const char*, int, const Stat*, const void* data) {
+            static_cast<Completions*>(const_cast<void*>(data))->Done();
+          },
+          &done);
+      if (rc != ZOK) done.Done();
+    }
   }
-  ~RawClient() { zookeeper_close(zh); }
-};
+  done.Wait();
+}
 
-// The floor of a cold build: one listing and one read per instance, pipelined.
-double RawColdBuild(RawClient& raw, const std::string& type) {
-  const auto start = Clock::now();
-  String_vector children{};
-  if (zoo_get_children(raw.zh, ("/srv/alive/" + type).c_str(), 0, &children) != ZOK) return -1;
-  std::atomic<int> pending{children.count};
-  std::mutex mutex;
-  std::condition_variable cv;
-  struct Context {
-    std::atomic<int>* pending;
-    std::mutex* mutex;
-    std::condition_variable* cv;
-  } context{&pending, &mutex, &cv};
-  for (int i = 0; i < children.count; ++i) {
-    const std::string path = "/srv/" + type + "/" + children.data[i] + "/status";
-    zoo_aget(
-        raw.zh, path.c_str(), 0,
-        [](int, const char*, int, const Stat*, const void* data) {
-          auto* c = static_cast<const Context*>(data);
-          if (--*c->pending == 0) {
-            std::lock_guard<std::mutex> lock(*c->mutex);
-            c->cv->notify_all();
-          }
-        },
-        &context);
-  }
-  std::unique_lock<std::mutex> lock(mutex);
-  cv.wait(lock, [&] { return pending.load() == 0; });
-  deallocate_String_vector(&children);
-  return Seconds(Clock::now() - start);
+std::vector<std::string> RawList(const RawClient& raw, const std::string& type) {
+  String_vector names{};
+  zoo_get_children(raw.zh(), ("/srv/alive/" + type).c_str(), 0, &names);
+  std::vector<std::string> children(names.data, names.data + names.count);
+  deallocate_String_vector(&names);
+  return children;
+}
+
+// The floor of a cold build: one listing and a read of each of `attributes`
+// per instance.
+double RawColdBuild(const RawClient& raw, const std::string& type,
+                    const std::vector<const char*>& attributes) {
+  return Time([&] { RawReadAll(raw, type, RawList(raw, type), attributes); });
 }
 
 double CacheColdBuild(const std::shared_ptr<Connection>& conn, const std::string& type) {
@@ -151,100 +116,179 @@ double SnapshotReads(const ServiceCache& cache, int threads, std::chrono::millis
 }
 
 // Makes one more instance's data, then its liveness node, and returns the
-// time from just before the liveness node's creation to `seen` being set.
+// time in ms from just before the liveness node's creation to the moment
+// that `arm` (given the new instance's id) was told to mark, or to the end of
+// `then`, run after it.
 double AddLatency(const Connection& writer, const std::string& type,
-                  const std::function<void(Clock::time_point*)>& arm) {
-  const std::string id = qx::uuid::to_string(qx::korvel::RandomServiceId());
+                  const std::function<void(Moment*, const std::string&)>& arm,
+                  const std::function<void()>& then = nullptr) {
+  const std::string id = NewId();
   const std::string root = "/srv/" + type + "/" + id;
   std::vector<Connection::CreateRequest> data{{root, "", 0}};
   for (const char* attribute : kAttributes) data.push_back({root + "/" + attribute, "up", 0});
   writer.CreateAll(data, ZOO_OPEN_ACL_UNSAFE);
-  Clock::time_point seen{};
-  arm(&seen);
+  Moment seen;
+  arm(&seen, id);
   const auto start = Clock::now();
   writer.Create("/srv/alive/" + type + "/" + id, "", ZOO_OPEN_ACL_UNSAFE, 0, nullptr);
-  korvel::zklocal::WaitUntil([&] { return seen != Clock::time_point{}; }, 10s, 0ms);
-  return Seconds(seen - start) * 1e3;
+  auto end = seen.Wait();
+  if (then) {
+    then();
+    end = Clock::now();
+  }
+  return Seconds(end - start) * 1e3;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  std::string hosts;
-  int instances = 10000;
-  int rounds = 5;
-  const char* json = nullptr;
-  for (int i = 1; i < argc; ++i) {
-    if (!std::strcmp(argv[i], "--instances") && i + 1 < argc) {
-      instances = std::atoi(argv[++i]);
-    } else if (!std::strcmp(argv[i], "--rounds") && i + 1 < argc) {
-      rounds = std::atoi(argv[++i]);
-    } else if (!std::strcmp(argv[i], "--json") && i + 1 < argc) {
-      json = argv[++i];
-    } else {
-      hosts = argv[i];
-    }
-  }
+  const Args args(argc, argv);
+  const int instances = args.Int("instances", 10000, 500);
+  const int rounds = args.Int("rounds", 7, 2);
   qx::logging::SetMinimumLoggingLevel(qx::logging::QXLOG_WARNING);
-  std::unique_ptr<korvel::zklocal::ZooKeeperServer> server;
-  if (hosts.empty()) {
-    server = std::make_unique<korvel::zklocal::ZooKeeperServer>();
-    hosts = server->ConnectString();
-  }
-  auto conn = std::make_shared<Connection>(hosts, 10s);
-  RawClient raw(hosts);
-  const std::string type =
-      "bench-" + qx::uuid::to_string(qx::korvel::RandomServiceId()).substr(0, 8);
-  std::cerr << "populating " << instances << " instances...\n";
+  auto conn = std::make_shared<Connection>(args.hosts, 10s);
+  const RawClient raw(args.hosts);
+  const std::string type = UniqueType();
+  Progress("cache: populating %d instances", instances);
   Populate(*conn, type, instances);
 
-  std::vector<double> cold, coldFloor;
-  for (int r = 0; r < rounds; ++r) {
-    coldFloor.push_back(RawColdBuild(raw, type));
-    cold.push_back(CacheColdBuild(conn, type));
-  }
+  Progress("cache: cold builds, %d rounds", rounds);
+  auto cold = Interleave(
+      rounds, 1, [&] { return CacheColdBuild(conn, type); },
+      [&] { return RawColdBuild(raw, type, {"status"}); });
+  // The same requests as the cache: every attribute of every instance.
+  auto coldSame = Interleave(
+      rounds, 0, [&] { return CacheColdBuild(conn, type); },
+      [&] {
+        return RawColdBuild(raw, type, {std::begin(kAttributes), std::end(kAttributes)});
+      });
 
-  ServiceCache cache(conn, type);
-  cache.Start();
-  cache.WaitUntilCurrent(120s);
-  const double reads1 = SnapshotReads(cache, 1, 1000ms);
-  const double reads2 = SnapshotReads(cache, 2, 1000ms);
+  Progress("cache: snapshot reads");
+  const auto readTime = args.quick ? 200ms : 1000ms;
+  std::vector<double> reads1, reads2;
+  {
+    ServiceCache cache(conn, type);
+    cache.Start();
+    cache.WaitUntilCurrent(120s);
+    for (int r = 0; r < (args.quick ? 1 : 5); ++r) {
+      reads1.push_back(SnapshotReads(cache, 1, readTime) / 1e6);
+      reads2.push_back(SnapshotReads(cache, 2, readTime) / 1e6);
+    }
+  }  // gone before the latencies are measured: nothing else uses the connection
 
   // Add latency, on a small type so that listing it is cheap for both.
+  const int addRounds = args.Int("add-rounds", 40, 4);
+  Progress("cache: add-to-snapshot latency, %d rounds", addRounds);
   const std::string small = type + "-add";
   Populate(*conn, small, 10);
+  // The cache's addition of the instance made for this round, not a late one
+  // of an instance that a floor round made.
+  std::mutex expectedMutex;
+  qx::korvel::ServiceId expectedId{};
+  Moment* expectedSeen = nullptr;
   ServiceCache smallCache(conn, small);
   smallCache.Start();
   smallCache.WaitUntilCurrent(30s);
-  std::atomic<Clock::time_point*> cacheSeen{nullptr};
   smallCache.AddListener([&](const qx::korvel::ServiceCacheEvent& event) {
     if (event.type != qx::korvel::ServiceCacheEvent::Type::kInstanceAdded) return;
-    if (Clock::time_point* seen = cacheSeen.exchange(nullptr)) *seen = Clock::now();
+    std::lock_guard<std::mutex> lock(expectedMutex);
+    if (expectedSeen != nullptr && event.id == expectedId) {
+      expectedSeen->Mark();
+      expectedSeen = nullptr;
+    }
   });
-  auto writer = std::make_shared<Connection>(hosts, 10s);
-  std::vector<double> add, addFloor;
-  for (int r = 0; r < 10 * rounds; ++r) {
-    addFloor.push_back(AddLatency(*writer, small, [&](Clock::time_point* seen) {
-      String_vector children{};
-      zoo_wget_children(
-          raw.zh, ("/srv/alive/" + small).c_str(),
-          [](zhandle_t*, int, int, const char*, void* data) {
-            *static_cast<Clock::time_point*>(data) = Clock::now();
-          },
-          seen, &children);
-      deallocate_String_vector(&children);
-    }));
-    add.push_back(AddLatency(*writer, small, [&](Clock::time_point* seen) { cacheSeen = seen; }));
-  }
-
-  std::vector<Row> rows{
-      {"cache cold build, " + std::to_string(instances) + " instances", Median(cold),
-       Median(coldFloor), "s", 3.0},
-      {"cache add-to-snapshot latency", Median(add), Median(addFloor), "ms", 2.0},
-      {"snapshot reads/s, 1 thread (millions)", reads1 / 1e6, 0, "M", 0},
-      {"snapshot reads/s, 2 threads (millions)", reads2 / 1e6, 0, "M", 0},
+  auto writer = std::make_shared<Connection>(args.hosts, 10s);
+  const auto cacheArm = [&](Moment* seen, const std::string& id) {
+    std::lock_guard<std::mutex> lock(expectedMutex);
+    qx::uuid::from_string(id, expectedId);
+    expectedSeen = seen;
   };
-  korvel::bench::PrintReport(rows, json);
-  std::printf("goal for 2 threads: at least 50 M/s\n");
+  const auto childWatch = [&](Moment* seen, const std::string&) {
+    String_vector children{};
+    zoo_wget_children(
+        raw.zh(), ("/srv/alive/" + small).c_str(),
+        [](zhandle_t*, int, int, const char*, void* moment) {
+          static_cast<Moment*>(moment)->Mark();
+        },
+        seen, &children);
+    deallocate_String_vector(&children);
+  };
+  // Every round starts with the cache idle: the instances made so far in its
+  // snapshot, and their re-read after the cache's settle time done.
+  std::size_t made = 10;
+  const auto settle = [&] {
+    const auto deadline = Clock::now() + 10s;
+    while (smallCache.Snapshot()->instances.size() < made && Clock::now() < deadline) {
+      std::this_thread::sleep_for(1ms);
+    }
+    std::this_thread::sleep_for(200ms);
+    ++made;
+  };
+  auto add = Interleave(
+      addRounds, 2,
+      [&] {
+        settle();
+        return AddLatency(*writer, small, cacheArm);
+      },
+      [&] {
+        settle();
+        return AddLatency(*writer, small, childWatch);
+      });
+  // The same requests as the cache makes for an addition: after the child
+  // watch, on another thread (here the waiting one), the listing and the new
+  // instance's reads.
+  std::set<std::string> known;
+  auto addSame = Interleave(
+      addRounds, 0,
+      [&] {
+        settle();
+        return AddLatency(*writer, small, cacheArm);
+      },
+      [&] {
+        settle();
+        return AddLatency(
+            *writer, small,
+            [&](Moment* seen, const std::string& id) {
+              const auto names = RawList(raw, small);
+              known = std::set<std::string>(names.begin(), names.end());
+              childWatch(seen, id);
+            },
+            [&] {
+              std::vector<std::string> added;
+              for (const std::string& name : RawList(raw, small)) {
+                if (known.count(name) == 0) added.push_back(name);
+              }
+              RawReadAll(raw, small, added, {std::begin(kAttributes), std::end(kAttributes)});
+            });
+      });
+
+  for (const std::string& name : {type, small}) {
+    qx::korvel::RecursiveDelete(*conn, "/srv/" + name);
+    qx::korvel::RecursiveDelete(*conn, "/srv/alive/" + name);
+  }
+  char addNote[240];
+  std::snprintf(addNote, sizeof addNote,
+                "floor: the C client's own child watch; against the same requests as the cache "
+                "(the watch, then on another thread the listing and the new instance's %zu "
+                "reads): %.0f us / %.0f us = %.2fx",
+                std::size(kAttributes), Median(addSame.korvel) * 1e3, Median(addSame.floor) * 1e3,
+                Median(addSame.korvel) / Median(addSame.floor));
+  const double coldBuild = Median(cold.korvel);
+  char coldNote[200];
+  std::snprintf(coldNote, sizeof coldNote,
+                "floor: one listing and one read per instance, pipelined; against the same "
+                "requests as the cache (%zu reads per instance): %.0f ms / %.0f ms = %.2fx",
+                std::size(kAttributes), Median(coldSame.korvel) * 1e3, Median(coldSame.floor) * 1e3,
+                Median(coldSame.korvel) / Median(coldSame.floor));
+  std::vector<Row> rows{
+      {"cache cold build, " + std::to_string(instances) + " instances", coldBuild * 1e3,
+       Median(cold.floor) * 1e3, "ms", RatioAtMost(3.0), instances / coldBuild / 1e3, "k inst/s",
+       coldNote},
+      {"cache add-to-snapshot latency", Median(add.korvel) * 1e3, Median(add.floor) * 1e3, "us",
+       RatioAtMost(2.0), 0, "", addNote},
+      {"snapshot reads, 1 thread", Median(reads1), 0, "M/s", Goal{}},
+      {"snapshot reads, 2 threads", Median(reads2), 0, "M/s", ValueAtLeast(50, "M/s")},
+  };
+  PrintReport(rows, args.json);
   return 0;
 }

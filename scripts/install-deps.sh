@@ -8,7 +8,8 @@ packages=(
   libzookeeper-mt-dev zookeeper
   libboost-dev libcli11-dev nlohmann-json3-dev
   libgtest-dev libgmock-dev libbenchmark-dev
-  clang clang-format
+  libspdlog-dev  # the benchmarks' comparison for the logging facade
+  clang clang-format libclang-rt-14-dev  # libFuzzer and the sanitizers' runtimes for clang
 )
 
 missing=()

@@ -173,6 +173,13 @@ struct AsyncSlot {
   }
 };
 
+// The client takes a path as a C string, so a NUL inside would cut it short
+// and address another node; a path longer than the server's packet limit
+// would cost the connection, failing every request in flight with it.
+bool UnsendablePath(const String& path) {
+  return path.find('\0') != String::npos || path.size() > Connection::kMaxDataSize;
+}
+
 std::optional<int> Submitted(int rc) {
   return rc == ZOK ? std::nullopt : std::optional<int>(rc);
 }
@@ -347,7 +354,10 @@ class Connection::Impl {
 
   bool HasInjector() const { return m_hasInjector.load(std::memory_order_acquire); }
 
+  // The code a request ends with before anything is sent: ZBADARGUMENTS for
+  // a path the client cannot send (see UnsendablePath), else the injector's.
   std::optional<int> Injected(Operation op, const String& path) const {
+    if (UnsendablePath(path)) return ZBADARGUMENTS;
     if (!HasInjector()) return std::nullopt;
     FaultInjector injector;
     {
@@ -510,8 +520,11 @@ class Connection::Impl {
       // Cancelled watches stay registered with the client until their node
       // changes; forget them here, so that the registry stays small.
       for (auto it = m_pending.begin(); it != m_pending.end();) {
-        std::lock_guard<std::mutex> ctxLock(it->second.ctx->m_mtx);
-        it = it->second.ctx->m_valid ? std::next(it) : m_pending.erase(it);
+        // Held apart from the entry: erasing it may drop the last reference,
+        // and the context's mutex must outlive the lock on it.
+        const std::shared_ptr<WatchContext> ctx = it->second.ctx;
+        std::lock_guard<std::mutex> ctxLock(ctx->m_mtx);
+        it = ctx->m_valid ? std::next(it) : m_pending.erase(it);
       }
       m_pruneAt = std::max<std::size_t>(kMinPrune, 2 * m_pending.size());
     }
@@ -721,6 +734,7 @@ GetResult ReadValue(zhandle_t* zh, const String& path, String& data, watcher_fn 
 }
 
 void AppendNames(const String_vector& names, std::vector<String>& out) {
+  out.reserve(out.size() + static_cast<std::size_t>(names.count));
   for (int i = 0; i < names.count; ++i) out.emplace_back(names.data[i]);
 }
 
@@ -918,6 +932,9 @@ int Connection::DeleteAll(const std::vector<String>& paths) const {
     return static_cast<int>(ZOK);
   };
   if (m_impl->HasInjector()) return deleteOneByOne(0, paths.size());
+  for (const String& path : paths) {
+    if (UnsendablePath(path)) return ZBADARGUMENTS;
+  }
 
   const auto session = m_impl->Current();
   for (std::size_t begin = 0; begin < paths.size();) {

@@ -10,7 +10,6 @@
 #include <unordered_set>
 
 #include <boost/algorithm/string/trim.hpp>
-#include <boost/lexical_cast.hpp>
 #include <boost/uuid/uuid_io.hpp>
 
 #include "korvel/error.h"
@@ -26,8 +25,22 @@ const logging::ConstSourcePtr g_log = logging::MakeSource("korvel.service");
 // Values are read into a buffer of this size first; Get grows it as needed.
 constexpr std::size_t kAttributeBuffer = 22;
 
+// Registrations tried in a row while the session keeps expiring under them.
+constexpr int kRegistrationAttempts = 3;
+
+// Leftovers of crashed instances deleted together.
+constexpr std::size_t kCleanupBatch = 256;
+
 constexpr char kRootPath[] = "/srv/";
 constexpr char kAlivePath[] = "/srv/alive/";
+
+// The type "alive" and the types below it ("alive/x") would mix data nodes
+// with liveness nodes, and their cleanup would delete liveness directories.
+void RequireRegistrableType(const String& stype) {
+  if (stype == "alive" || stype.rfind("alive/", 0) == 0) {
+    throw KorvelError("application cannot be named 'alive'");
+  }
+}
 
 using logging::QXLOG_DEBUG;
 using logging::QXLOG_ERROR;
@@ -89,8 +102,22 @@ void Service::OnSessionEvent(int event, int state, String) {
 }
 
 void Service::Init() {
+  // A registration during which the session expired made its liveness node
+  // in the old session, which took it along: register again in the new one.
+  for (int attempt = 1;; ++attempt) {
+    const std::int64_t session = m_conn->ClientId().client_id;
+    Register();
+    if (m_conn->ClientId().client_id == session) return;
+    QXLOG(g_log, QXLOG_WARNING) << "Session changed during registration. Registering again.";
+    if (attempt == kRegistrationAttempts) {
+      throw KorvelError("Failed to register: the session kept expiring");
+    }
+  }
+}
+
+void Service::Register() {
   const String stype = NormalizePath(m_stype);
-  if (stype == "alive") throw KorvelError("application cannot be named 'alive'");
+  RequireRegistrableType(stype);
   const String uuidStr = uuid::to_string(m_uuid);
   QXLOG(g_log, QXLOG_INFO) << "Initializing Korvel Service: " << uuidStr;
 
@@ -229,6 +256,7 @@ void Service::RemoveChild(String childPath, bool ignoreNonExistent) {
 }
 
 void Service::CleanupCrashedApps(String stype) {
+  RequireRegistrableType(stype);
   const String appsInSrv = kRootPath + stype;
   std::vector<String> srvChildren;
   m_conn->GetChildren(appsInSrv, srvChildren);
@@ -239,14 +267,23 @@ void Service::CleanupCrashedApps(String stype) {
   m_conn->GetChildren(appsInSrvAlive, srvAliveKids);
   const std::unordered_set<String> srvAliveChildren(srvAliveKids.begin(), srvAliveKids.end());
 
+  // The leftovers are deleted a batch at a time, each batch's requests in
+  // flight together: a round trip per level of all its subtrees instead of
+  // per level of each.
+  std::vector<String> leftovers;
   for (const String& srvChild : srvChildren) {
     if (srvAliveChildren.count(srvChild) != 0) continue;
     QXLOG(g_log, QXLOG_INFO) << "Cleaning up application in zookeeper. "
                              << "Found '" << appsInSrv << "/" << srvChild << "', but did not find '"
                              << appsInSrvAlive << "/" << srvChild << "', recursively deleting '"
                              << appsInSrv << "/" << srvChild << "'.";
-    RecursiveDelete(*m_conn, appsInSrv + "/" + srvChild);
+    leftovers.push_back(appsInSrv + "/" + srvChild);
+    if (leftovers.size() == kCleanupBatch) {
+      RecursiveDeleteAll(*m_conn, leftovers);
+      leftovers.clear();
+    }
   }
+  RecursiveDeleteAll(*m_conn, leftovers);
 }
 
 OldServiceWatcher::OldServiceWatcher(std::shared_ptr<Connection> conn, const String& name)
@@ -274,9 +311,10 @@ std::tuple<int, std::vector<ServiceId>, Connection::WatchHandle> OldServiceWatch
   if (rc != ZOK) return {rc, std::move(services), std::move(handle)};
   services.reserve(children.size());
   for (const String& child : children) {
-    try {
-      services.push_back(boost::lexical_cast<boost::uuids::uuid>(child));
-    } catch (const boost::bad_lexical_cast&) {
+    ServiceId id;
+    if (uuid::from_string(child, id)) {
+      services.push_back(id);
+    } else {
       QXLOG(g_log, logging::QXLOG_WARNING)
           << "Invalid child name at path '" << path << "'. Could not convert '" << child
           << "' to ServiceId.";

@@ -9,8 +9,6 @@
 #include <set>
 #include <thread>
 
-#include <boost/lexical_cast.hpp>
-#include <boost/uuid/uuid_io.hpp>
 
 #include "korvel/utils.h"
 #include "logger/logger.h"
@@ -335,11 +333,10 @@ class ServiceCache::Impl : public ConnectionObserver, public std::enable_shared_
       if (!self) return;
       const std::size_t at = self->m_dataDir.size() + 1;
       if (path.size() < at + 36) return;
-      try {
-        self->Post(
-            Task{Task::kRead, boost::lexical_cast<ServiceId>(path.substr(at, 36)), 0, false});
-      } catch (const boost::bad_lexical_cast&) {
-        // Not a path of ours.
+      ServiceId id;
+      // Otherwise not a path of ours.
+      if (uuid::from_string(std::string_view(path).substr(at, 36), id)) {
+        self->Post(Task{Task::kRead, id, 0, false});
       }
     };
   }
@@ -363,11 +360,10 @@ class ServiceCache::Impl : public ConnectionObserver, public std::enable_shared_
 
     std::set<ServiceId> live;
     for (const String& child : children) {
-      try {
-        live.insert(boost::lexical_cast<ServiceId>(child));
-      } catch (const boost::bad_lexical_cast&) {
-        // Not an instance: the listing of the type skips it too.
-      }
+      // A name that is no ServiceId is no instance: the listing of the type
+      // skips it too.
+      ServiceId id;
+      if (uuid::from_string(child, id)) live.insert(id);
     }
     std::vector<ServiceId> toRead;
     for (const ServiceId& id : live) {

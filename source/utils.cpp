@@ -79,6 +79,34 @@ void ClaimEphemeral(const Connection& conn, const String& path, const ACL_vector
   }
 }
 
+// Lists the subtrees of `roots` level by level, each level's listings of all
+// subtrees in flight together, then deletes them deepest first in batches.
+// ZOK, or a failure's code.
+int DeleteSubtrees(const Connection& conn, const std::vector<String>& roots) {
+  std::vector<std::vector<String>> levels{roots};
+  while (!levels.back().empty()) {
+    const std::vector<String>& level = levels.back();
+    std::vector<std::vector<String>> children;
+    const std::vector<int> codes = conn.GetChildrenAll(level, children);
+    std::vector<String> next;
+    int rc = ZOK;
+    for (std::size_t i = 0; i < level.size(); ++i) {
+      if (codes[i] == ZOK) {
+        for (const String& child : children[i]) next.push_back(level[i] + "/" + child);
+      } else if (codes[i] != ZNONODE) {
+        rc = codes[i];
+      }
+    }
+    if (rc != ZOK) return rc;
+    levels.push_back(std::move(next));
+  }
+  std::vector<String> deepestFirst;
+  for (auto level = levels.rbegin(); level != levels.rend(); ++level) {
+    deepestFirst.insert(deepestFirst.end(), level->begin(), level->end());
+  }
+  return conn.DeleteAll(deepestFirst);
+}
+
 }  // namespace
 
 String NormalizePath(String path) {
@@ -105,36 +133,19 @@ void RecursiveDelete(const Connection& conn, const String& path) {
   RequireAbsolute(path, false);
   int rc = ZOK;
   for (int pass = 0; pass < kDeletePasses; ++pass) {
-    // Each level's listings are in flight together.
-    std::vector<std::vector<String>> levels{{path}};
-    while (rc == ZOK && !levels.back().empty()) {
-      const std::vector<String>& level = levels.back();
-      std::vector<std::vector<String>> children;
-      const std::vector<int> codes = conn.GetChildrenAll(level, children);
-      std::vector<String> next;
-      for (std::size_t i = 0; i < level.size(); ++i) {
-        if (codes[i] == ZOK) {
-          for (const String& child : children[i]) next.push_back(level[i] + "/" + child);
-        } else if (codes[i] != ZNONODE) {
-          rc = codes[i];
-        }
-      }
-      levels.push_back(std::move(next));
-    }
-    if (rc == ZOK) {
-      std::vector<String> deepestFirst;
-      for (auto level = levels.rbegin(); level != levels.rend(); ++level) {
-        deepestFirst.insert(deepestFirst.end(), level->begin(), level->end());
-      }
-      rc = conn.DeleteAll(deepestFirst);
-    }
+    rc = DeleteSubtrees(conn, {path});
     if (rc == ZOK) return;
     // A node gained a child after it was listed: list again.
-    if (rc != ZNOTEMPTY || pass + 1 == kDeletePasses) break;
-    rc = ZOK;
+    if (rc != ZNOTEMPTY) break;
   }
   QXLOG(g_log, QXLOG_ERROR) << "Failed to delete '" << path << "': " << zerror(rc);
   throw KorvelError("Failed to delete node");
+}
+
+void RecursiveDeleteAll(const Connection& conn, const std::vector<String>& paths) {
+  for (const String& path : paths) RequireAbsolute(path, false);
+  if (paths.size() > 1 && DeleteSubtrees(conn, paths) == ZOK) return;
+  for (const String& path : paths) RecursiveDelete(conn, path);
 }
 
 }  // namespace qx::korvel

@@ -24,6 +24,7 @@ class ObservableImpl {
     auto strong = observer.lock();
     if (!strong) return;
     std::lock_guard<std::mutex> lock(m_mutex);
+    PruneExpired();
     m_weakObservers.push_back(std::move(observer));
     m_observers.emplace_back();
   }
@@ -33,6 +34,7 @@ class ObservableImpl {
   virtual void Register(std::shared_ptr<Observer> observer) {
     if (!observer) return;
     std::lock_guard<std::mutex> lock(m_mutex);
+    PruneExpired();
     m_weakObservers.push_back(observer);
     m_observers.push_back(std::move(observer));
   }
@@ -73,6 +75,30 @@ class ObservableImpl {
   std::vector<std::weak_ptr<Observer>> m_weakObservers;
 
  private:
+  // An observer destroyed without being removed leaves an expired entry,
+  // which also keeps the memory of an observer made by make_shared. They are
+  // dropped whenever the list has doubled since the last time, so that
+  // registering and destroying observers over and over needs no notification
+  // to stay bounded. Called with the lock held.
+  void PruneExpired() {
+    if (m_weakObservers.size() < m_pruneAt) return;
+    std::size_t kept = 0;
+    for (std::size_t i = 0; i < m_weakObservers.size(); ++i) {
+      if (m_weakObservers[i].expired()) continue;
+      if (kept != i) {
+        m_weakObservers[kept] = std::move(m_weakObservers[i]);
+        m_observers[kept] = std::move(m_observers[i]);
+      }
+      ++kept;
+    }
+    m_weakObservers.resize(kept);
+    m_observers.resize(kept);
+    m_pruneAt = std::max<std::size_t>(kMinPrune, 2 * kept);
+  }
+
+  static constexpr std::size_t kMinPrune = 16;
+  std::size_t m_pruneAt = kMinPrune;
+
   void Erase(std::size_t i) {
     m_observers.erase(m_observers.begin() + static_cast<std::ptrdiff_t>(i));
     m_weakObservers.erase(m_weakObservers.begin() + static_cast<std::ptrdiff_t>(i));

@@ -517,5 +517,22 @@ TEST_F(ConnectionTest, ClientLogLinesAreRoutedIntoLogging) {
   EXPECT_FALSE(capture.FromSource("korvel.connection").empty());
 }
 
+// Found by ThreadSanitizer: pruning the registry of cancelled watches dropped
+// the last reference to a watch's context while its mutex was still locked.
+TEST_F(ConnectionTest, PruningCancelledWatchesKeepsEachContextUntilItsLockIsReleased) {
+  const std::string missing = base + "/never";
+  for (int i = 0; i < 200; ++i) {
+    auto [rc, handle] = conn->Exists(
+        missing, [](int, int, std::string) {}, nullptr);
+    EXPECT_EQ(ZNONODE, rc);
+  }  // each handle is gone: the registry holds the last reference
+  EventLog events;
+  auto [rc, handle] = conn->Exists(missing, events.Callback(), nullptr);
+  ASSERT_EQ(ZNONODE, rc);
+  ASSERT_EQ(ZOK, conn->Create(missing, "", ZOO_OPEN_ACL_UNSAFE, 0, nullptr));
+  EXPECT_TRUE(events.WaitFor(1));
+  EXPECT_EQ(1u, events.Count());
+}
+
 }  // namespace
 }  // namespace korvel::test

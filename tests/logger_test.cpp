@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <functional>
 #include <iomanip>
+#include <locale>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -155,6 +156,34 @@ TEST_F(LoggerTest, StreamErrorDoesNotLeakIntoNextRecord) {
   QXLOG(Src(), QXLOG_WARNING) << "kept" << FailStream << "dropped";
   QXLOG(Src(), QXLOG_WARNING) << "next";
   EXPECT_EQ(Messages(capture), (std::vector<std::string>{"kept", "next"}));
+}
+
+// Groups thousands with ','.
+struct Thousands : std::numpunct<char> {
+  char do_thousands_sep() const override { return ','; }
+  std::string do_grouping() const override { return "\3"; }
+};
+
+std::ostream& Grouped(std::ostream& os) {
+  os.imbue(std::locale(os.getloc(), new Thousands));
+  return os;
+}
+
+// Logs a record of its own in the default locale, between the outer record's
+// operands.
+std::string LogsUngrouped() {
+  QXLOG(Src(), QXLOG_WARNING) << 2000;
+  return " ";
+}
+
+TEST_F(LoggerTest, LocaleDoesNotLeakIntoNextRecord) {
+  LogCapture capture;
+  QXLOG(Src(), QXLOG_WARNING) << Grouped << 1234567 << LogsUngrouped() << 1000;
+  QXLOG(Src(), QXLOG_WARNING) << 1234567;
+  QXLOG(Src(), QXLOG_WARNING) << Grouped << 1000;
+  QXLOG(Src(), QXLOG_WARNING) << 1000;
+  EXPECT_EQ(Messages(capture),
+            (std::vector<std::string>{"2000", "1,234,567 1,000", "1234567", "1,000", "1000"}));
 }
 
 TEST_F(LoggerTest, RecordsFromTwoThreadsKeepTheirOwnText) {

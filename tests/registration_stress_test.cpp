@@ -41,14 +41,6 @@ constexpr int kPerThreadAndRound = 3;      // registrations
 constexpr std::size_t kKeptPerThread = 2;  // older instances of a thread are shut down
 constexpr auto kTimeBudget = 40s;          // no new round starts after this
 
-std::string ChildProgram() {
-  char exe[4096];
-  const ssize_t n = readlink("/proc/self/exe", exe, sizeof exe);
-  if (n <= 0) return "";
-  const std::string self(exe, n);
-  return self.substr(0, self.rfind('/') + 1) + "registration_child";
-}
-
 // A running registration_child, killed with SIGKILL and reaped at the latest
 // when the object goes (and by the kernel if this thread dies first).
 class Child {
@@ -149,7 +141,7 @@ std::string Text(const qx::korvel::ServiceId& id) {
 }
 
 TEST(RegistrationStressTest, LiveInstancesStayAndCrashedOnesAreCleanedUp) {
-  const std::string program = ChildProgram();
+  const std::string program = SiblingProgram("registration_child");
   ASSERT_EQ(access(program.c_str(), X_OK), 0) << "missing " << program;
   signal(SIGPIPE, SIG_IGN);  // a child may be gone when it is written to
   LogLevelScope quiet(qx::logging::QXLOG_WARNING);

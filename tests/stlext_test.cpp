@@ -63,6 +63,52 @@ TEST(UuidToString, MatchesBoostForRandomIds) {
   }
 }
 
+// What boost::lexical_cast makes of `text`: false when it refuses it.
+bool LexicalCast(const std::string& text, ServiceId& id) {
+  try {
+    id = boost::lexical_cast<ServiceId>(text);
+    return true;
+  } catch (const boost::bad_lexical_cast&) {
+    return false;
+  }
+}
+
+TEST(UuidFromString, ParsesEitherCase) {
+  ServiceId id;
+  ASSERT_TRUE(qx::uuid::from_string("6BA7B810-9dad-11D1-80b4-00C04FD430C8", id));
+  EXPECT_EQ(qx::uuid::to_string(id), "6ba7b810-9dad-11d1-80b4-00c04fd430c8");
+}
+
+TEST(UuidFromString, RefusesOtherTextsAndLeavesTheIdAlone) {
+  const ServiceId before = RandomServiceId();
+  for (const std::string text :
+       {"", "6ba7b810-9dad-11d1-80b4-00c04fd430c", "6ba7b810-9dad-11d1-80b4-00c04fd430c8a",
+        "{6ba7b810-9dad-11d1-80b4-00c04fd430c8}", "6ba7b8109dad11d180b400c04fd430c8",
+        "6ba7b810-9dad-11d1-80b4-00c04fd430cg", "6ba7b810-9dad-11d180-b4-00c04fd430c8",
+        " 6ba7b810-9dad-11d1-80b4-00c04fd430c", "6ba7b810-9dad-11d1-80b4-00c04fd430c "}) {
+    ServiceId id = before;
+    EXPECT_FALSE(qx::uuid::from_string(text, id)) << text;
+    EXPECT_EQ(id, before) << text;
+  }
+}
+
+TEST(UuidFromString, AcceptsExactlyWhatLexicalCastAccepts) {
+  // Random ids, each with one character replaced by a character that may or
+  // may not belong there.
+  const std::string replacements = "0aF-g {}xZ9 \t";
+  for (int i = 0; i < 2000; ++i) {
+    std::string text = qx::uuid::to_string(RandomServiceId());
+    if (i % 4 != 0)
+      text[static_cast<std::size_t>(i) % text.size()] = replacements[i % replacements.size()];
+    ServiceId ours{}, theirs{};
+    const bool accepted = qx::uuid::from_string(text, ours);
+    ASSERT_EQ(accepted, LexicalCast(text, theirs)) << text;
+    if (accepted) {
+      ASSERT_EQ(ours, theirs) << text;
+    }
+  }
+}
+
 // ---------------------------------------------------------- RandomServiceId
 
 TEST(RandomServiceIdTest, DistinctAndVersion4) {
@@ -301,6 +347,17 @@ TEST(ObservableImplTest, ObserverMayRegisterAndUnregisterDuringNotify) {
   ASSERT_EQ(finished.wait_for(5s), std::future_status::ready) << "Notify deadlocked";
 
   EXPECT_EQ(registry->NotifiedIds(), (std::vector<int>{2, 2}));
+}
+
+TEST(ObservableImplTest, ExpiredEntriesAreDroppedWithoutANotification) {
+  TestObservable registry;
+  auto kept = std::make_shared<Obs>(1);
+  registry.RegisterWeak(kept);
+  for (int i = 0; i < 10000; ++i) registry.RegisterWeak(std::make_shared<Obs>(2));
+  // Each of those died at once; only a few of their entries may remain.
+  EXPECT_LE(registry.Weak().size(), 64u);
+  EXPECT_EQ(registry.Weak().size(), registry.Strong().size());
+  EXPECT_EQ(registry.NotifiedIds(), (std::vector<int>{1}));
 }
 
 // -------------------------------------------------------------- KorvelError

@@ -8,6 +8,8 @@
 #include <algorithm>
 #include <atomic>
 #include <future>
+#include <map>
+#include <mutex>
 #include <thread>
 
 #include "korvel/error.h"
@@ -307,6 +309,61 @@ TEST_F(UtilsTest, RecursiveDeleteRemovesAnotherSessionsEphemerals) {
 
   RecursiveDelete(*conn, tree);
   EXPECT_EQ(ZNONODE, Exists(tree));
+}
+
+TEST_F(UtilsTest, RecursiveDeleteAllListsEachSubtreeOnceWithTheOthers) {
+  std::vector<qx::String> roots;
+  for (int t = 0; t < 20; ++t) {
+    roots.push_back(base + "/t" + std::to_string(t));
+    ASSERT_EQ(std::vector<int>(4, ZOK), conn->CreateAll({{roots.back(), "", 0},
+                                                         {roots.back() + "/a", "", 0},
+                                                         {roots.back() + "/a/b", "", 0},
+                                                         {roots.back() + "/c", "", 0}},
+                                                        kAcl));
+  }
+  roots.push_back(base + "/missing");
+  ASSERT_EQ(ZOK, conn->Create(base + "/kept", "", kAcl, 0, nullptr));
+  std::map<std::string, int> listings;
+  std::mutex mutex;
+  conn->SetFaultInjector([&](Op op, const qx::String& path) -> std::optional<int> {
+    std::lock_guard<std::mutex> lock(mutex);
+    if (op == Op::GetChildren) ++listings[path];
+    return std::nullopt;
+  });
+  qx::korvel::RecursiveDeleteAll(*conn, roots);
+  conn->SetFaultInjector(nullptr);
+  for (const auto& root : roots) {
+    EXPECT_EQ(ZNONODE, Exists(root)) << root;
+    EXPECT_EQ(1, listings[root]) << root;
+  }
+  EXPECT_EQ(ZOK, Exists(base + "/kept"));
+}
+
+TEST_F(UtilsTest, RecursiveDeleteAllFallsBackToOneSubtreeAtATime) {
+  for (const char* name : {"/x", "/x/c", "/y", "/y/c"}) {
+    ASSERT_EQ(ZOK, conn->Create(base + name, "", kAcl, 0, nullptr));
+  }
+  // The first listing of /x fails: the batch gives up and each subtree is
+  // deleted on its own.
+  std::atomic<int> failures{0};
+  conn->SetFaultInjector([&](Op op, const qx::String& path) -> std::optional<int> {
+    if (op == Op::GetChildren && path == base + "/x" && failures++ == 0) return ZCONNECTIONLOSS;
+    return std::nullopt;
+  });
+  qx::korvel::RecursiveDeleteAll(*conn, {base + "/x", base + "/y"});
+  conn->SetFaultInjector(nullptr);
+  EXPECT_EQ(ZNONODE, Exists(base + "/x"));
+  EXPECT_EQ(ZNONODE, Exists(base + "/y"));
+}
+
+TEST_F(UtilsTest, RecursiveDeleteAllRefusesAnInvalidPathBeforeAnyRequest) {
+  ASSERT_EQ(ZOK, conn->Create(base + "/x", "", kAcl, 0, nullptr));
+  const auto listings = CountRequests(*conn, Op::GetChildren);
+  EXPECT_EQ("Invalid path", KorvelErrorOf([&] {
+              qx::korvel::RecursiveDeleteAll(*conn, {base + "/x", "/"});
+            }));
+  EXPECT_EQ(0, *listings);
+  EXPECT_EQ(ZOK, Exists(base + "/x"));
 }
 
 // ---- Batch operations ----------------------------------------------------------------

@@ -127,7 +127,9 @@ class Connection : public ObservableImpl<ConnectionObserver> {
   int State() const;
 
   // Node operations. Each returns the ZooKeeper result code and never throws
-  // for a ZooKeeper failure. Paths are absolute ZooKeeper paths.
+  // for a ZooKeeper failure. Paths are absolute ZooKeeper paths; one that
+  // holds a NUL or is longer than kMaxDataSize is refused with ZBADARGUMENTS
+  // before anything is sent.
 
   // Creates the node. `createdPath`, when not null, receives the created name
   // (differs from `path` for sequential nodes).

@@ -42,7 +42,8 @@ class Service : public std::enable_shared_from_this<Service>, public ConnectionO
   // what crashed instances of the type left behind, creates the liveness node
   // and the data node, and publishes status "down", the name, host name,
   // process id, start time, recipe name and version. Throws KorvelError when
-  // the type is "alive" or a step fails; what was created stays.
+  // the type is "alive" or below it ("alive/x") or a step fails; what was
+  // created stays.
   Service(std::shared_ptr<Connection> conn, String stype, String serviceName);
   // The same under the given identity.
   Service(std::shared_ptr<Connection> conn, String stype, ServiceId uuid, String serviceName);
@@ -83,12 +84,17 @@ class Service : public std::enable_shared_from_this<Service>, public ConnectionO
   void RemoveChild(String childPath, bool ignoreNonExistent);
   // Deletes, with their subtrees, the data nodes of type `stype` (already
   // normalised) that have no liveness node: the leftovers of crashed
-  // instances. Two listings plus one recursive delete per leftover.
+  // instances. Two listings plus one recursive delete per leftover, those of
+  // up to 256 leftovers with their requests in flight together (see
+  // RecursiveDeleteAll). Throws KorvelError for the type "alive" or one below
+  // it, as the constructor does.
   void CleanupCrashedApps(String stype);
 
  private:
   void OnSessionEvent(int event, int state, String path) override;
+  // Registers, again when the session changed meanwhile (up to 3 times).
   void Init();
+  void Register();
   void CreateOrSet(const String& path, const String& value);
   void SetStatusInternal(Status status, String path);
 

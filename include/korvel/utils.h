@@ -3,6 +3,8 @@
 
 #include <zookeeper/zookeeper.h>
 
+#include <vector>
+
 #include "korvel/connection_v2.h"
 #include "stlext/string.h"
 
@@ -30,5 +32,12 @@ void EnsurePath(const Connection& conn, String path, bool ephemeral, const ACL_v
 // Throws KorvelError "Failed to delete node" on failure (logged first) and
 // "Invalid path" for a path that is not absolute, not normalised, or "/".
 void RecursiveDelete(const Connection& conn, const String& path);
+
+// Deletes each node of `paths` with its subtree as RecursiveDelete does, with
+// the requests of all of them in flight together: each level of all the
+// subtrees is listed at once, and their deletes share batches. When that
+// fails (a node gained a child meanwhile, say), every path is deleted again
+// by RecursiveDelete on its own, which throws what RecursiveDelete throws.
+void RecursiveDeleteAll(const Connection& conn, const std::vector<String>& paths);
 
 }  // namespace qx::korvel

@@ -1,5 +1,7 @@
 #include "util/test_util.h"
 
+#include <unistd.h>
+
 #include "korvel/service_id.h"
 #include "stlext/uuid.h"
 
@@ -13,6 +15,14 @@ ZooKeeperServer& SharedServer() {
 std::shared_ptr<qx::korvel::Connection> Connect(const std::string& hosts,
                                                 std::chrono::milliseconds timeout) {
   return std::make_shared<qx::korvel::Connection>(hosts, timeout);
+}
+
+std::string SiblingProgram(const std::string& name) {
+  char exe[4096];
+  const ssize_t n = readlink("/proc/self/exe", exe, sizeof exe);
+  if (n <= 0) return name;
+  const std::string self(exe, n);
+  return self.substr(0, self.rfind('/') + 1) + name;
 }
 
 std::string UniqueName(const std::string& prefix) {

@@ -32,6 +32,9 @@ ZooKeeperServer& SharedServer();
 std::shared_ptr<qx::korvel::Connection> Connect(const std::string& hosts,
                                                 std::chrono::milliseconds timeout = 4000ms);
 
+// The path of the executable `name` beside this test binary.
+std::string SiblingProgram(const std::string& name);
+
 // `prefix` followed by a random suffix, for node names no other test uses.
 std::string UniqueName(const std::string& prefix);
 

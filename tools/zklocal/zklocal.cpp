@@ -78,7 +78,8 @@ class ServerNode {
  public:
   enum class State { kStarting, kServing, kExited, kPortTaken };
 
-  ServerNode(int server_id, int tick_ms) : server_id_(server_id), tick_ms_(tick_ms) {
+  ServerNode(int server_id, int tick_ms, Jit jit = Jit::kQuickStart)
+      : server_id_(server_id), tick_ms_(tick_ms), jit_(jit) {
     if (tick_ms <= 0) throw std::invalid_argument("ZooKeeper tickTime must be positive");
     const char* tmp = getenv("TMPDIR");
     std::string templ = std::string(tmp && *tmp ? tmp : "/tmp") + "/korvel-zk-XXXXXX";
@@ -130,8 +131,9 @@ class ServerNode {
         kJava,
         "-Xmx256m",
         "-XX:+UseSerialGC",
-        "-XX:TieredStopAtLevel=1",  // Faster JVM start; plenty for a test server.
-        "-XX:-UsePerfData",         // No /tmp/hsperfdata files left behind by SIGKILL.
+        // Faster JVM start, plenty for a test server; benchmarks want every tier.
+        jit_ == Jit::kQuickStart ? "-XX:TieredStopAtLevel=1" : "-XX:+TieredCompilation",
+        "-XX:-UsePerfData",  // No /tmp/hsperfdata files left behind by SIGKILL.
         "-Djava.net.preferIPv4Stack=true",
         "-Dzookeeper.log.dir=" + dir_,
         "-Dlog4j.configuration=file:/etc/zookeeper/conf_example/log4j.properties",
@@ -290,6 +292,7 @@ class ServerNode {
  private:
   const int server_id_;
   const int tick_ms_;
+  const Jit jit_;
   std::string dir_;
   int port_ = 0;
   pid_t pid_ = -1;
@@ -502,8 +505,8 @@ void ExpireSession(const std::string& hosts, const clientid_t& id, milliseconds 
 
 // ---- ZooKeeperServer ----
 
-ZooKeeperServer::ZooKeeperServer(int tickTimeMs)
-    : node_(std::make_unique<ServerNode>(0, tickTimeMs)) {
+ZooKeeperServer::ZooKeeperServer(int tickTimeMs, Jit jit)
+    : node_(std::make_unique<ServerNode>(0, tickTimeMs, jit)) {
   StartFresh({node_.get()}, kStandaloneStart, [this] { node_->Configure(FreeLoopbackPort(), ""); });
 }
 

@@ -44,12 +44,16 @@ void ExpireSession(const std::string& hosts, const clientid_t& id,
 
 class ServerNode;  // One server process; defined in zk_harness.cpp.
 
+// How the server's JVM compiles: kQuickStart stops at the first JIT tier (fast start, slower
+// serving; the tests' choice), kFullJit lets it reach the optimising tier (for benchmarks).
+enum class Jit { kQuickStart, kFullJit };
+
 // A standalone server on a free loopback port with data in a fresh temporary directory.
 class ZooKeeperServer {
  public:
   // Starts the server and waits (bounded) until it serves; throws std::runtime_error (with the
   // tail of the server log) on failure.
-  explicit ZooKeeperServer(int tickTimeMs = 100);
+  explicit ZooKeeperServer(int tickTimeMs = 100, Jit jit = Jit::kQuickStart);
   ~ZooKeeperServer();  // Stops the server and removes its directory.
   ZooKeeperServer(const ZooKeeperServer&) = delete;
   ZooKeeperServer& operator=(const ZooKeeperServer&) = delete;

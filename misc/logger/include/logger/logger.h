@@ -17,11 +17,12 @@
 #include <atomic>
 #include <cstdint>
 #include <functional>
+#include <ios>
+#include <locale>
 #include <memory>
+#include <optional>
 #include <ostream>
 #include <utility>
-
-#include <boost/io/ios_state.hpp>
 
 #include "stlext/sstream.h"
 #include "stlext/string.h"
@@ -133,6 +134,71 @@ inline bool& ThreadLocalStreamInUse() {
   return inUse;
 }
 
+// What a record may change on its thread's stream and the next record must
+// not inherit: flags, precision, width, fill, exception mask, tie, buffer and
+// locale. The locale is put back only when a callback on the stream saw it
+// replaced, since imbuing costs more than a whole record.
+class ThreadStreamState {
+ public:
+  explicit ThreadStreamState(std::ostream& stream)
+      : m_stream(stream),
+        m_flags(stream.flags()),
+        m_precision(stream.precision()),
+        m_width(stream.width()),
+        m_fill(stream.fill()),
+        m_exceptions(stream.exceptions()),
+        m_tie(stream.tie()),
+        m_rdbuf(stream.rdbuf()) {
+    Locale& locale = ThreadLocale();
+    if (locale.replaced) {  // imbued between records: that is the locale to keep
+      locale.home = stream.getloc();
+      locale.replaced = false;
+    }
+  }
+  ThreadStreamState(const ThreadStreamState&) = delete;
+  ThreadStreamState& operator=(const ThreadStreamState&) = delete;
+
+  void Restore() {
+    if (Locale& locale = ThreadLocale(); locale.replaced) {
+      m_stream.imbue(locale.home);
+      locale.replaced = false;
+    }
+    if (m_stream.rdbuf() != m_rdbuf) m_stream.rdbuf(m_rdbuf);
+    if (m_stream.tie() != m_tie) m_stream.tie(m_tie);
+    if (m_stream.exceptions() != m_exceptions) m_stream.exceptions(m_exceptions);
+    m_stream.fill(m_fill);
+    m_stream.width(m_width);
+    m_stream.precision(m_precision);
+    m_stream.flags(m_flags);
+  }
+
+ private:
+  // The thread stream's locale outside records, and whether it was replaced since.
+  struct Locale {
+    Locale() : home(GetThreadLocalStream().getloc()) {
+      GetThreadLocalStream().register_callback(&NoteImbue, 0);
+    }
+    std::locale home;
+    bool replaced = false;
+  };
+  static Locale& ThreadLocale() {
+    thread_local Locale locale;
+    return locale;
+  }
+  static void NoteImbue(std::ios_base::event event, std::ios_base&, int) {
+    if (event == std::ios_base::imbue_event) ThreadLocale().replaced = true;
+  }
+
+  std::ostream& m_stream;
+  std::ios_base::fmtflags m_flags;
+  std::streamsize m_precision;
+  std::streamsize m_width;
+  char m_fill;
+  std::ios_base::iostate m_exceptions;
+  std::ostream* m_tie;
+  std::streambuf* m_rdbuf;
+};
+
 // One record under construction, alive for one log statement. A record made
 // while another one of the thread is being formatted (an operand that logs)
 // formats in a stream of its own.
@@ -149,18 +215,20 @@ class Logger {
         m_nested(std::exchange(ThreadLocalStreamInUse(), true)),
         m_ownStream(m_nested ? std::make_unique<IPStringStream>() : nullptr),
         m_stream(m_nested ? *m_ownStream : GetThreadLocalStream()),
-        m_saver(m_stream),
-        m_handlerName(handlerName) {}
+        m_handlerName(handlerName) {
+    if (!m_nested) m_state.emplace(m_stream);
+  }
   Logger(const Logger&) = delete;
   Logger& operator=(const Logger&) = delete;
 
   // Hands the record over. An exception here ends the process.
   virtual ~Logger() noexcept {
     ForceLockHandlers();
-    LogMessage(m_level, m_id, m_decodeType, m_source, m_filename, m_lineNumber, Finish(m_stream),
+    // The text is handed over where it stands: handlers may not keep it.
+    LogMessage(m_level, m_id, m_decodeType, m_source, m_filename, m_lineNumber, m_stream.Text(),
                m_handlerName);
     Reset(m_stream, kKeptCapacity);
-    m_saver.restore();
+    if (m_state) m_state->Restore();
     if (!m_nested) ThreadLocalStreamInUse() = false;
   }
 
@@ -179,9 +247,9 @@ class Logger {
   bool m_nested;
   std::unique_ptr<IPStringStream> m_ownStream;
   IPStringStream& m_stream;
-  // Flags, precision, width, fill and locale: a manipulator used in one record
-  // never leaks into the next.
-  boost::io::ios_all_saver m_saver;
+  // The thread's stream is put back as it was (a record's own stream is
+  // dropped): a manipulator used in one record never leaks into the next.
+  std::optional<ThreadStreamState> m_state;
   const String m_handlerName;
 };
 

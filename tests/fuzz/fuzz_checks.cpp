@@ -1,0 +1,358 @@
+#include "fuzz_checks.h"
+
+#include <boost/lexical_cast.hpp>
+#include <boost/uuid/uuid_io.hpp>
+#include <cstdint>
+#include <cstring>
+#include <iomanip>
+#include <sstream>
+
+#include "korvel/service_id.h"
+#include "korvel/utils.h"
+#include "logger/logger.h"
+#include "stlext/uuid.h"
+
+namespace korvel::fuzz {
+namespace {
+
+using qx::korvel::NormalizePath;
+
+// The text with bytes outside printable ASCII as \xNN, for messages.
+std::string Show(std::string_view text) {
+  static constexpr char kHex[] = "0123456789abcdef";
+  std::string shown;
+  for (unsigned char c : text.substr(0, 200)) {
+    if (c >= 0x20 && c < 0x7f && c != '\\') {
+      shown += static_cast<char>(c);
+    } else {
+      shown += {'\\', 'x', kHex[c >> 4], kHex[c & 15]};
+    }
+  }
+  return "'" + shown + (text.size() > 200 ? "...'" : "'");
+}
+
+std::vector<std::string_view> Split(std::string_view text, char separator) {
+  std::vector<std::string_view> parts;
+  for (std::size_t start = 0;;) {
+    const std::size_t end = text.find(separator, start);
+    parts.push_back(text.substr(start, end == std::string_view::npos ? end : end - start));
+    if (end == std::string_view::npos) return parts;
+    start = end + 1;
+  }
+}
+
+// The non-empty components of a slash-separated text.
+std::vector<std::string_view> Components(std::string_view text) {
+  std::vector<std::string_view> components;
+  for (std::string_view part : Split(text, '/')) {
+    if (!part.empty()) components.push_back(part);
+  }
+  return components;
+}
+
+bool HasDotComponent(std::string_view text) {
+  for (std::string_view part : Components(text)) {
+    if (part == "." || part == "..") return true;
+  }
+  return false;
+}
+
+// Whether the server takes the character: UTF-8 as Java decodes it (a
+// malformed sequence becomes U+FFFD; beyond U+FFFF a surrogate pair).
+bool CharactersValid(std::string_view text) {
+  for (std::size_t i = 0; i < text.size();) {
+    const auto byte = [&](std::size_t k) { return static_cast<unsigned char>(text[i + k]); };
+    const auto continuation = [&](std::size_t k) {
+      return i + k < text.size() && (byte(k) & 0xc0) == 0x80;
+    };
+    std::uint32_t cp;
+    std::size_t length;
+    if (byte(0) < 0x80) {
+      cp = byte(0), length = 1;
+    } else if (byte(0) >= 0xc2 && byte(0) < 0xe0 && continuation(1)) {
+      cp = (byte(0) & 0x1fu) << 6 | (byte(1) & 0x3fu), length = 2;
+    } else if (byte(0) >= 0xe0 && byte(0) < 0xf0 && continuation(1) && continuation(2)) {
+      cp = (byte(0) & 0x0fu) << 12 | (byte(1) & 0x3fu) << 6 | (byte(2) & 0x3fu), length = 3;
+      if (cp < 0x800) return false;  // overlong
+    } else {
+      return false;  // malformed, or beyond U+FFFF
+    }
+    if (cp == 0 || (cp >= 0x01 && cp <= 0x1f) || (cp >= 0x7f && cp <= 0x9f) ||
+        (cp >= 0xd800 && cp <= 0xf8ff) || cp >= 0xfff0) {
+      return false;
+    }
+    i += length;
+  }
+  return true;
+}
+
+// A part of a path (one or more components) that joins into a valid path.
+bool ValidPart(std::string_view part) {
+  return !part.empty() && IsValidZooKeeperPath("/" + std::string(part));
+}
+
+bool IsCanonicalUuidText(std::string_view text) {
+  if (text.size() != 36) return false;
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    const bool hyphen = i == 8 || i == 13 || i == 18 || i == 23;
+    if (hyphen ? text[i] != '-' : !std::isxdigit(static_cast<unsigned char>(text[i]))) {
+      return false;
+    }
+  }
+  return true;
+}
+
+std::string Lower(std::string_view text) {
+  std::string lower(text);
+  for (char& c : lower) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  return lower;
+}
+
+// ---- The log program ----------------------------------------------------------
+
+// Reads the input byte by byte; past its end every read gives 0.
+class Reader {
+ public:
+  explicit Reader(std::string_view data) : m_data(data) {}
+  bool Done() const { return m_pos >= m_data.size(); }
+  unsigned char Byte() { return Done() ? 0 : static_cast<unsigned char>(m_data[m_pos++]); }
+  template <typename T>
+  T Value() {
+    unsigned char bytes[sizeof(T)];
+    for (auto& b : bytes) b = Byte();
+    T value;
+    std::memcpy(&value, bytes, sizeof value);
+    return value;
+  }
+  std::string Text() {
+    std::string text;
+    for (int n = Byte() % 48; n > 0 && !Done(); --n) text += static_cast<char>(Byte());
+    return text;
+  }
+
+ private:
+  std::string_view m_data;
+  std::size_t m_pos = 0;
+};
+
+const qx::logging::ConstSourcePtr& FuzzSource() {
+  static const qx::logging::ConstSourcePtr source = qx::logging::MakeSource("korvel.fuzz");
+  return source;
+}
+
+// The texts of the records of FuzzSource, in order.
+std::vector<std::string>& Captured() {
+  static std::vector<std::string> messages;
+  static const int handler = qx::logging::AddLogHandler([](const qx::logging::LogRecord& record) {
+    if (record.source == FuzzSource()) messages.push_back(record.message);
+  });
+  (void)handler;
+  return messages;
+}
+
+// An operand that logs a record of its own while the outer one is formatted.
+struct Nested {
+  std::string text;
+};
+std::ostream& operator<<(std::ostream& os, const Nested& nested) {
+  QXLOG(FuzzSource(), qx::logging::QXLOG_WARNING) << std::hex << 255 << nested.text;
+  return os;
+}
+
+// Applies one operation to `os`; `nested` (when not null) makes the nested
+// record, otherwise its text is appended to `expectedNested`.
+void Apply(std::ostream& os, Reader& in, bool logging, std::vector<std::string>& expectedNested) {
+  switch (in.Byte() % 11) {
+    case 0:
+      os << in.Text();
+      break;
+    case 1:
+      os << in.Value<std::int64_t>();
+      break;
+    case 2:
+      os << in.Value<double>();
+      break;
+    case 3: {
+      static std::ios_base& (*const kBases[])(std::ios_base&) = {std::dec, std::hex, std::oct};
+      os << kBases[in.Byte() % 3];
+      break;
+    }
+    case 4:
+      os << std::setw(in.Byte() % 64) << std::setfill(static_cast<char>(in.Byte()));
+      break;
+    case 5: {
+      static const std::ios_base::fmtflags kFlags[] = {
+          std::ios_base::showbase,  std::ios_base::showpos,  std::ios_base::uppercase,
+          std::ios_base::boolalpha, std::ios_base::left,     std::ios_base::right,
+          std::ios_base::internal,  std::ios_base::showpoint};
+      const unsigned char pick = in.Byte();
+      if (pick & 0x80) {
+        os.setf(kFlags[pick % 8]);
+      } else {
+        os.unsetf(kFlags[pick % 8]);
+      }
+      break;
+    }
+    case 6: {
+      static std::ios_base& (*const kFloat[])(std::ios_base&) = {std::fixed, std::scientific,
+                                                                 std::hexfloat, std::defaultfloat};
+      os << std::setprecision(in.Byte() % 30) << kFloat[in.Byte() % 4];
+      break;
+    }
+    case 7:
+      os << (in.Byte() % 2 == 1);
+      break;
+    case 8:
+      os << static_cast<char>(in.Byte());
+      break;
+    case 9: {
+      Nested nested{in.Text()};
+      if (logging) {
+        os << nested;
+      } else {
+        expectedNested.push_back("ff" + nested.text);
+      }
+      break;
+    }
+    default:
+      os.setstate(std::ios_base::failbit);
+      break;
+  }
+}
+
+}  // namespace
+
+bool IsValidZooKeeperPath(std::string_view path) {
+  if (path.empty() || path[0] != '/') return false;
+  if (path == "/") return true;
+  for (std::string_view part : Split(path.substr(1), '/')) {
+    if (part.empty() || part == "." || part == "..") return false;
+  }
+  return CharactersValid(path);
+}
+
+std::string CheckNormalizePath(std::string_view input) {
+  const std::string normal = NormalizePath(std::string(input));
+  if (!normal.empty() && (normal.front() == '/' || normal.back() == '/')) {
+    return "outer slash in " + Show(normal);
+  }
+  if (normal.find("//") != std::string::npos) return "double slash in " + Show(normal);
+  if (NormalizePath(normal) != normal) return "not idempotent on " + Show(normal);
+  if (Components(normal) != Components(input)) return "components changed: " + Show(normal);
+  const bool expectValid = !normal.empty() && !HasDotComponent(input) &&
+                           input.find('\0') == std::string_view::npos && CharactersValid(input);
+  if (IsValidZooKeeperPath("/base/" + normal) != expectValid) {
+    return std::string(expectValid ? "invalid" : "valid") + " path /base/" + Show(normal);
+  }
+  return "";
+}
+
+std::string CheckServiceIdParse(std::string_view input) {
+  const std::string text(input);
+  const bool canonical = IsCanonicalUuidText(text);
+  qx::korvel::ServiceId cast{};
+  bool castOk = true;
+  try {
+    cast = boost::lexical_cast<qx::korvel::ServiceId>(text);
+  } catch (const boost::bad_lexical_cast&) {
+    castOk = false;
+  }
+  qx::korvel::ServiceId parsed{};
+  const bool parseOk = qx::uuid::from_string(text, parsed);
+  if (castOk != canonical)
+    return "lexical_cast " + std::string(castOk ? "accepts " : "refuses ") + Show(text);
+  if (parseOk != canonical)
+    return "from_string " + std::string(parseOk ? "accepts " : "refuses ") + Show(text);
+  if (!canonical) return "";
+  if (cast != parsed) return "lexical_cast and from_string disagree on " + Show(text);
+  if (qx::uuid::to_string(cast) != Lower(text)) {
+    return "round trip of " + Show(text) + " gives " + Show(qx::uuid::to_string(cast));
+  }
+  return "";
+}
+
+std::string CheckRegistryPaths(std::string_view input) {
+  std::vector<std::string_view> fields = Split(input, '\n');
+  fields.resize(3);
+  const std::string type = NormalizePath(std::string(fields[0]));
+  const std::string child(fields[1]);
+  const std::string attribute(fields[2]);
+  const std::string id = "0123abcd-4567-89ef-0123-456789abcdef";
+
+  // Service: the liveness and data nodes, an attribute of the service or of
+  // a child (SetChildAttribute), a child (RemoveChild).
+  const std::string alive = "/srv/alive/" + type + "/" + id;
+  const std::string root = "/srv/" + type + "/" + id;
+  const std::string normalChild = NormalizePath(child);
+  const std::string normalAttribute = NormalizePath(attribute);
+  const std::string attrPath = child == "/" ? root + "/" + normalAttribute
+                                            : root + "/" + normalChild + "/" + normalAttribute;
+  const std::string childPath = root + "/" + normalChild;
+  // OldServiceWatcher: the liveness directory, and a query of attribute
+  // `attribute` (a bare name, appended as it is) below child `child`.
+  const std::string watched = "/srv/alive/" + type;
+  const std::string query =
+      "/srv/" + type + "/" + id + (normalChild.empty() ? "" : "/" + normalChild) + "/" + attribute;
+
+  const bool typeOk = ValidPart(type);
+  const auto expect = [](const std::string& path, bool valid) {
+    if (IsValidZooKeeperPath(path) == valid) return std::string();
+    return std::string(valid ? "invalid " : "valid ") + Show(path);
+  };
+  for (const std::string& failure :
+       {expect(alive, typeOk), expect(root, typeOk), expect(watched, typeOk),
+        expect(attrPath,
+               typeOk && ValidPart(normalAttribute) && (child == "/" || ValidPart(normalChild))),
+        expect(childPath, typeOk && ValidPart(normalChild)),
+        expect(query, typeOk && (normalChild.empty() || ValidPart(normalChild)) &&
+                          ValidPart(attribute))}) {
+    if (!failure.empty()) return failure;
+  }
+  // Service refuses a type whose first component is "alive": the nodes of the
+  // types it accepts stay out of the liveness tree and under their own type.
+  const bool accepted = type != "alive" && type.rfind("alive/", 0) != 0;
+  if (accepted && typeOk) {
+    if (root.rfind("/srv/alive/", 0) == 0) return "data node in the liveness tree: " + Show(root);
+    if (attrPath.rfind(root + "/", 0) != 0)
+      return "attribute outside the data node: " + Show(attrPath);
+  }
+  return "";
+}
+
+std::string CheckLogFormatting(std::string_view input) {
+  std::vector<std::string>& captured = Captured();
+  captured.clear();
+  std::vector<std::string> expected;
+  std::ostringstream reference;
+  Reader plan(input);
+  while (!plan.Done()) Apply(reference, plan, false, expected);
+  expected.push_back(reference.str());
+  expected.push_back("7|255|1.25|1|c");
+
+  {
+    qx::logging::Logger record(qx::logging::QXLOG_WARNING, 0, qx::logging::QXLOG_DECODE_AS_KV,
+                               FuzzSource(), __FILE__, __LINE__, std::string());
+    std::vector<std::string> unused;
+    Reader program(input);
+    while (!program.Done()) Apply(record.Stream(), program, true, unused);
+  }
+  QXLOG(FuzzSource(), qx::logging::QXLOG_WARNING)
+      << 7 << '|' << 255 << '|' << 1.25 << '|' << true << '|' << 'c';
+
+  if (captured == expected) return "";
+  std::string failure = "records differ; got";
+  for (const auto& text : captured) failure += " " + Show(text);
+  failure += "; expected";
+  for (const auto& text : expected) failure += " " + Show(text);
+  return failure;
+}
+
+const std::vector<Target>& Targets() {
+  static const std::vector<Target> targets = {{"normalize_path", &CheckNormalizePath},
+                                              {"service_id", &CheckServiceIdParse},
+                                              {"registry_paths", &CheckRegistryPaths},
+                                              {"log_format", &CheckLogFormatting}};
+  return targets;
+}
+
+}  // namespace korvel::fuzz
