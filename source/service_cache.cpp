@@ -9,7 +9,6 @@
 #include <set>
 #include <thread>
 
-
 #include "korvel/utils.h"
 #include "logger/logger.h"
 #include "stlext/uuid.h"
