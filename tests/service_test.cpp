@@ -35,6 +35,19 @@ class ServiceTest : public ::testing::Test {
   std::vector<CapturedRecord> ServiceRecords(const LogCapture& capture) {
     return capture.FromSource("korvel.service");
   }
+  // Registers an instance named by `id` that must fail with KorvelError
+  // `message`; returns the service's records of the attempt.
+  std::vector<CapturedRecord> RegisterExpectingError(const qx::korvel::ServiceId& id,
+                                                     const char* message) {
+    LogCapture capture;
+    try {
+      Service service(conn, type, id, "x");
+      ADD_FAILURE() << "registered";
+    } catch (const KorvelError& e) {
+      EXPECT_STREQ(message, e.what());
+    }
+    return ServiceRecords(capture);
+  }
   // Makes `op` on paths ending in `suffix` answer `rc` without asking the server.
   void Inject(Connection::Operation op, const std::string& suffix, int rc) {
     conn->SetFaultInjector([=](Connection::Operation o, const std::string& path) {
@@ -148,16 +161,10 @@ TEST_F(ServiceTest, CreateOrSetWhoseNodeVanishesBetweenCreateAndSet) {
     if (op == Connection::Operation::Set) return std::optional<int>(ZNONODE);
     return std::optional<int>();
   });
-  LogCapture capture;
   const auto id = qx::korvel::RandomServiceId();
   const std::string status = "/srv/" + type + "/" + qx::uuid::to_string(id) + "/status";
-  try {
-    Service service(conn, type, id, "x");
-    FAIL();
-  } catch (const KorvelError& e) {
-    EXPECT_STREQ("Failed to set node data: Node was deleted by other process", e.what());
-  }
-  const auto records = ServiceRecords(capture);
+  const auto records =
+      RegisterExpectingError(id, "Failed to set node data: Node was deleted by other process");
   ASSERT_EQ(2u, records.size());
   EXPECT_EQ(QXLOG_ERROR, records[1].level);
   EXPECT_EQ("Failed to set node data on '" + status + "': Node was deleted by other process",
@@ -166,16 +173,9 @@ TEST_F(ServiceTest, CreateOrSetWhoseNodeVanishesBetweenCreateAndSet) {
 
 TEST_F(ServiceTest, CreateOrSetWithoutParentFailsInCreate) {
   Inject(Connection::Operation::Create, "/status", ZNONODE);
-  LogCapture capture;
   const auto id = qx::korvel::RandomServiceId();
   const std::string status = "/srv/" + type + "/" + qx::uuid::to_string(id) + "/status";
-  try {
-    Service service(conn, type, id, "x");
-    FAIL();
-  } catch (const KorvelError& e) {
-    EXPECT_STREQ("Failed to create node", e.what());
-  }
-  const auto records = ServiceRecords(capture);
+  const auto records = RegisterExpectingError(id, "Failed to create node");
   ASSERT_EQ(2u, records.size());
   EXPECT_EQ("Failed to create node '" + status + "': " + zerror(ZNONODE), records[1].message);
 }
