@@ -46,6 +46,7 @@ constexpr milliseconds kStandaloneStart{30000};  // Until a standalone server se
 constexpr milliseconds kMemberStart{60000};      // Until quorum members serve (JVMs share CPUs).
 constexpr milliseconds kStopGrace{10000};        // SIGTERM -> SIGKILL.
 constexpr milliseconds kReapTimeout{10000};      // SIGKILL -> reaped.
+constexpr milliseconds kStopTimeout{5000};       // SIGSTOP -> every thread stopped.
 constexpr int kStartAttempts = 3;                // Fresh ports after a port was taken.
 constexpr size_t kLogTailLines = 40;
 
@@ -261,6 +262,24 @@ class ServerNode {
     if (!Alive()) throw std::logic_error("cannot pause a ZooKeeper server that is not running");
     kill(pid_, SIGSTOP);
     paused_ = true;
+    // The signal stops the JVM's threads one by one: wait until none runs, so
+    // that the server answers nothing once Pause returns.
+    WaitUntil([this] { return AllThreadsStopped(); }, kStopTimeout);
+  }
+  bool AllThreadsStopped() const {
+    const std::string tasks = "/proc/" + std::to_string(pid_) + "/task";
+    std::error_code error;
+    for (const auto& task : std::filesystem::directory_iterator(tasks, error)) {
+      std::ifstream stat(task.path() / "stat");
+      std::string line;
+      std::getline(stat, line);
+      // "pid (comm) STATE ...": the state follows the last ')'.
+      const auto close = line.rfind(')');
+      if (close == std::string::npos || close + 2 >= line.size()) continue;
+      const char state = line[close + 2];
+      if (state != 'T' && state != 't') return false;
+    }
+    return !error;
   }
   void Resume() {
     if (!Alive() || !paused_) return;
