@@ -24,17 +24,23 @@ using Clock = std::chrono::steady_clock;
 const logging::ConstSourcePtr& g_log =
     *new logging::ConstSourcePtr(logging::MakeSource("korvel.cache"));
 
-// The attributes an instance publishes about itself; the first is watched.
-const char* const kOwnAttributes[] = {"status",     "service_name",     "hostname", "pid",
-                                      "start_time", "chef_recipe_name", "version"};
+// The attributes an instance publishes about itself, in the reverse of the
+// order registration writes them: the server answers one connection's reads
+// in order, so a read that finds an attribute is followed by reads that find
+// every attribute written before it. The last one, the status, is watched.
+const char* const kOwnAttributes[] = {"version",  "chef_recipe_name", "start_time", "pid",
+                                      "hostname", "service_name",     "status"};
+constexpr std::size_t kStatusIndex = std::size(kOwnAttributes) - 1;
 constexpr char kStatus[] = "status";
 constexpr char kUp[] = "up";
 
 // Registration writes "status" first and these last (then the optional
 // recipe name and version): an instance read in between is read again soon,
 // first after kFollowUp, then after twice as long each time, at most
-// kMaxFollowUps times; once complete, it is read once more after kSettle.
+// kMaxFollowUps times; once complete, it is read once more after kSettle,
+// unless it has the version too, which registration writes last.
 const char* const kAlwaysPublished[] = {"status", "hostname", "pid", "start_time"};
+constexpr char kWrittenLast[] = "version";
 constexpr auto kFollowUp = std::chrono::milliseconds(50);
 constexpr int kMaxFollowUps = 6;
 constexpr auto kSettle = std::chrono::milliseconds(150);
@@ -264,7 +270,7 @@ class ServiceCache::Impl : public ConnectionObserver, public std::enable_shared_
       due.insert(m_followUps.begin()->second);
       m_followUps.erase(m_followUps.begin());
     }
-    for (const ServiceId& id : due) Reread(id);
+    Reread({due.begin(), due.end()});
     if (m_staleAt && now >= *m_staleAt) {
       m_staleAt.reset();
       if (m_current) Publish(false);
@@ -281,7 +287,7 @@ class ServiceCache::Impl : public ConnectionObserver, public std::enable_shared_
         List(task.full);
         break;
       case Task::kRead:
-        Reread(task.id);
+        Reread({task.id});
         break;
       case Task::kSession:
         OnSession(task.state);
@@ -392,10 +398,13 @@ class ServiceCache::Impl : public ConnectionObserver, public std::enable_shared_
     Publish(true, std::move(events));
   }
 
-  void Reread(const ServiceId& id) {
-    if (m_instances.count(id) == 0) return;  // it left meanwhile
+  // Reads the instances of `ids` that are still live, in one batch.
+  void Reread(std::vector<ServiceId> ids) {
+    ids.erase(std::remove_if(ids.begin(), ids.end(),
+                             [this](const ServiceId& id) { return m_instances.count(id) == 0; }),
+              ids.end());
     std::vector<ServiceCacheEvent> events;
-    if (!Read({id}, events)) return ScheduleRetry(true);
+    if (!Read(ids, events)) return ScheduleRetry(true);
     if (!events.empty()) Publish(m_current, std::move(events));
   }
 
@@ -410,7 +419,7 @@ class ServiceCache::Impl : public ConnectionObserver, public std::enable_shared_
     for (const ServiceId& id : ids) {
       const String root = m_dataDir + "/" + uuid::to_string(id) + "/";
       for (const char* attribute : kOwnAttributes) {
-        requests.push_back({root + attribute, attribute == kOwnAttributes[0]});
+        requests.push_back({root + attribute, attribute == kOwnAttributes[kStatusIndex]});
       }
     }
     std::vector<String> values;
@@ -429,10 +438,11 @@ class ServiceCache::Impl : public ConnectionObserver, public std::enable_shared_
         if (codes[first + a] == ZOK)
           data->attributes[kOwnAttributes[a]] = std::move(values[first + a]);
       }
-      Connection::WatchHandle statusWatch = std::move(watches[first]);
-      if (codes[first] == ZNONODE) {
+      const std::size_t status = first + kStatusIndex;
+      Connection::WatchHandle statusWatch = std::move(watches[status]);
+      if (codes[status] == ZNONODE) {
         // Not published yet (or gone): watch for it to appear.
-        auto [rc, handle] = m_conn->Exists(requests[first].path, StatusCallback(), nullptr);
+        auto [rc, handle] = m_conn->Exists(requests[status].path, StatusCallback(), nullptr);
         if (rc == ZOK) Post(Task{Task::kRead, ids[i], 0, false});
         statusWatch = std::move(handle);
       }
@@ -461,7 +471,10 @@ class ServiceCache::Impl : public ConnectionObserver, public std::enable_shared_
     }
     const String* before = entry.data ? entry.data->Attribute("start_time") : nullptr;
     const bool registered = before == nullptr || *before != *now.Attribute("start_time");
-    if (registered || entry.followUps > 0) m_followUps.emplace(Clock::now() + kSettle, id);
+    const bool finished = now.Attribute(kWrittenLast) != nullptr;
+    if (!finished && (registered || entry.followUps > 0)) {
+      m_followUps.emplace(Clock::now() + kSettle, id);
+    }
     entry.followUps = 0;
   }
 

@@ -314,6 +314,42 @@ TEST_F(ServiceCacheTest, PickFollowsTheStrategy) {
   ASSERT_TRUE(WaitUntil([&] { return roundRobin.Pick() == nullptr; }, 10000ms));
 }
 
+TEST_F(ServiceCacheTest, ReadsAFinishedRegistrationOnceAndAnUnfinishedOneOnceMore) {
+  // Two instances as registration leaves them, one with a version (written
+  // last, so that registration is finished), one without.
+  const std::string finished = qx::uuid::to_string(qx::korvel::RandomServiceId());
+  const std::string unfinished = qx::uuid::to_string(qx::korvel::RandomServiceId());
+  for (const std::string& name : {finished, unfinished}) {
+    const std::string root = "/srv/" + type + "/" + name;
+    qx::korvel::EnsurePath(*conn, root, false, ZOO_OPEN_ACL_UNSAFE);
+    for (const char* attribute : {"status", "hostname", "pid", "start_time"}) {
+      ASSERT_EQ(ZOK, conn->Create(root + "/" + attribute, "x", ZOO_OPEN_ACL_UNSAFE, ZOO_EPHEMERAL,
+                                  nullptr));
+    }
+    qx::korvel::EnsurePath(*conn, "/srv/alive/" + type + "/" + name, true, ZOO_OPEN_ACL_UNSAFE);
+  }
+  ASSERT_EQ(ZOK, conn->Create("/srv/" + type + "/" + finished + "/version", "1",
+                              ZOO_OPEN_ACL_UNSAFE, ZOO_EPHEMERAL, nullptr));
+
+  auto readerConn = Connect(SharedServer().ConnectString());
+  std::mutex mutex;
+  std::map<std::string, int> reads;  // per instance
+  readerConn->SetFaultInjector([&](Connection::Operation op, const std::string& path) {
+    if (op == Connection::Operation::Get) {
+      std::lock_guard<std::mutex> lock(mutex);
+      ++reads[path.substr(("/srv/" + type + "/").size(), 36)];
+    }
+    return std::optional<int>();
+  });
+  ServiceCache cache(readerConn, type);
+  cache.Start();
+  ASSERT_TRUE(cache.WaitUntilCurrent(10000ms));
+  std::this_thread::sleep_for(1000ms);  // well past any re-read the cache plans
+  std::lock_guard<std::mutex> lock(mutex);
+  EXPECT_EQ(reads, (std::map<std::string, int>{{finished, 7}, {unfinished, 14}}));
+  EXPECT_EQ(ModelOf(*cache.Snapshot()), ReadTree(*conn, type));
+}
+
 TEST_F(ServiceCacheTest, NoListenerCallAfterDestruction) {
   auto a = Register("a");
   std::atomic<bool> destroyed{false};
