@@ -715,7 +715,8 @@ GetResult ReadValue(zhandle_t* zh, const String& path, String& data, watcher_fn 
   int rc = zoo_wget(zh, path.c_str(), watcher, watcherCtx, data.data(), &length, &stat);
   const bool watchSet = watcher != nullptr && rc == ZOK;
   // The client truncates silently: read again until the buffer holds it all.
-  for (int attempt = 1; rc == ZOK && stat.dataLength > length; ++attempt) {
+  // A node without data (made with a null value) reads as length -1.
+  for (int attempt = 1; rc == ZOK && length >= 0 && stat.dataLength > length; ++attempt) {
     if (attempt == kMaxGetAttempts) {
       rc = ZOPERATIONTIMEOUT;
       break;

@@ -425,6 +425,34 @@ TEST_F(ConnectionTest, GetAllReadsEveryValueWhole) {
   EXPECT_EQ("", values[3]);
 }
 
+TEST_F(ConnectionTest, ANodeWithoutDataReadsAsEmpty) {
+  // Other clients can make a node with a null value, which the C client
+  // reports with a length of -1.
+  const std::string node = base + "/null";
+  zhandle_t* raw =
+      zookeeper_init(SharedServer().ConnectString().c_str(), nullptr, 4000, nullptr, nullptr, 0);
+  ASSERT_NE(nullptr, raw);
+  ASSERT_TRUE(WaitUntil([&] { return zoo_state(raw) == ZOO_CONNECTED_STATE; }, 5000ms));
+  const int created =
+      zoo_create(raw, node.c_str(), nullptr, -1, &ZOO_OPEN_ACL_UNSAFE, 0, nullptr, 0);
+  zookeeper_close(raw);
+  ASSERT_EQ(ZOK, created);
+
+  std::string value = "stale";
+  Stat stat{};
+  EXPECT_EQ(ZOK, conn->Get(node, value, &stat));
+  EXPECT_EQ("", value);
+  EXPECT_EQ(0, stat.dataLength);
+  EventLog log;
+  value = "stale";
+  auto [rc, handle] = conn->Get(node, value, log.Callback(), nullptr);
+  EXPECT_EQ(ZOK, rc);
+  EXPECT_EQ("", value);
+  std::vector<std::string> values;
+  EXPECT_EQ(std::vector<int>{ZOK}, conn->GetAll({{node}}, values));
+  EXPECT_EQ(std::vector<std::string>{""}, values);
+}
+
 TEST_F(ConnectionTest, GetAllSetsAWatchOnEachExistingNode) {
   ASSERT_EQ(ZOK, conn->Create(base + "/x", "1", ZOO_OPEN_ACL_UNSAFE, 0, nullptr));
   ASSERT_EQ(ZOK, conn->Create(base + "/y", "1", ZOO_OPEN_ACL_UNSAFE, 0, nullptr));
