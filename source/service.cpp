@@ -42,6 +42,13 @@ void RequireRegistrableType(const String& stype) {
   }
 }
 
+// A registration after an expiry builds the same paths again while other
+// threads read them (SetStatus, child records): only a first registration
+// writes them, so that no reader sees a buffer being replaced.
+void SetPath(String& member, const String& path) {
+  if (member != path) member = path;
+}
+
 using logging::QXLOG_DEBUG;
 using logging::QXLOG_ERROR;
 using logging::QXLOG_INFO;
@@ -123,10 +130,10 @@ void Service::Register() {
 
   // The liveness node stands before the cleanup looks for data nodes without
   // one, so that this instance's own data node is never taken for a leftover.
-  m_alive = kAlivePath + stype + "/" + uuidStr;
+  SetPath(m_alive, kAlivePath + stype + "/" + uuidStr);
   EnsurePath(*m_conn, m_alive, true, ZOO_OPEN_ACL_UNSAFE);
   CleanupCrashedApps(stype);
-  m_root = kRootPath + stype + "/" + uuidStr;
+  SetPath(m_root, kRootPath + stype + "/" + uuidStr);
   EnsurePath(*m_conn, m_root, false, ZOO_OPEN_ACL_UNSAFE);
 
   CreateOrSet(m_root + "/status", StatusToString(DOWN));

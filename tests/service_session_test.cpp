@@ -2,6 +2,7 @@
 // and teardown, against real servers.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <thread>
 
 #include "korvel/error.h"
@@ -75,6 +76,34 @@ TEST_F(ServiceSessionTest, TwoExpiriesOneRepublication) {
   for (const auto& record : capture.FromSource("korvel.service")) {
     EXPECT_EQ(QXLOG_INFO, record.level);
   }
+}
+
+TEST_F(ServiceSessionTest, RegistersAgainWhileAnotherThreadPublishes) {
+  auto service = std::make_shared<Service>(conn, type, "x");
+  const std::string root = service->GetRoot();
+  // Readers copy the path while it is being built again: its buffer must stay.
+  const char* const buffer = service->GetRoot().data();
+  LogCapture quiet;
+  std::atomic<bool> stop{false};
+  std::atomic<int> published{0};
+  std::thread publisher([&] {
+    while (!stop) {
+      service->SetStatus(Service::UP);
+      ++published;
+    }
+  });
+  for (int i = 0; i < 3; ++i) {
+    Deliver(*service, ZOO_SESSION_EVENT, ZOO_EXPIRED_SESSION_STATE);
+    Deliver(*service, ZOO_SESSION_EVENT, ZOO_CONNECTED_STATE);
+  }
+  stop = true;
+  publisher.join();
+  EXPECT_GT(published, 0);
+  EXPECT_EQ(root, service->GetRoot());
+  EXPECT_EQ(buffer, service->GetRoot().data());
+  EXPECT_TRUE(Exists(AlivePath(*service)));
+  service->SetStatus(Service::UP);
+  EXPECT_EQ("up", Read(root + "/status"));
 }
 
 TEST_F(ServiceSessionTest, OtherEventsAndStatesAreIgnored) {
