@@ -188,17 +188,33 @@ std::optional<int> Submitted(int rc) {
 // until each has completed; results[i] receives request i's code. `submit`
 // returns nullopt when the request was sent (its completion calls
 // slot.Complete), or the code of a request that ends without being sent.
+// `sending`, when given, is unlocked once all are sent, before the wait. If
+// `submit` throws, the requests after it are not sent, and the exception
+// leaves once those already sent have completed.
 // Never on the event thread: it would wait for completions it must deliver.
 template <typename Submit>
-void RunPipelined(std::vector<int>& results, Submit submit) {
+void RunPipelined(std::vector<int>& results, Submit submit,
+                  std::unique_lock<std::mutex>* sending = nullptr) {
   Latch latch(results.size());
   std::vector<AsyncSlot> slots(results.size());
+  std::exception_ptr failure;
   for (std::size_t i = 0; i < results.size(); ++i) {
     slots[i].rc = &results[i];
     slots[i].latch = &latch;
-    if (auto rc = submit(i, slots[i])) slots[i].Complete(*rc);
+    if (failure) {
+      slots[i].Complete(ZSYSTEMERROR);
+      continue;
+    }
+    try {
+      if (auto rc = submit(i, slots[i])) slots[i].Complete(*rc);
+    } catch (...) {
+      failure = std::current_exception();
+      slots[i].Complete(ZSYSTEMERROR);
+    }
   }
+  if (sending != nullptr) sending->unlock();
   latch.Wait();
+  if (failure) std::rethrow_exception(failure);
 }
 
 // Codes that say the request may not have reached the server, rather than
@@ -515,16 +531,25 @@ class Connection::Impl {
 
   std::uint64_t AddWatch(std::shared_ptr<WatchContext> ctx, const Session* session,
                          const String& path, ZooWatcherType type) {
+    // Destroyed after the lock: a callback's captures may call back into us.
+    std::vector<std::shared_ptr<WatchContext>> forgotten;
     std::lock_guard<std::mutex> lock(m_watchMutex);
     if (m_pending.size() >= m_pruneAt) {
       // Cancelled watches stay registered with the client until their node
       // changes; forget them here, so that the registry stays small.
       for (auto it = m_pending.begin(); it != m_pending.end();) {
-        // Held apart from the entry: erasing it may drop the last reference,
-        // and the context's mutex must outlive the lock on it.
-        const std::shared_ptr<WatchContext> ctx = it->second.ctx;
-        std::lock_guard<std::mutex> ctxLock(ctx->m_mtx);
-        it = ctx->m_valid ? std::next(it) : m_pending.erase(it);
+        const std::shared_ptr<WatchContext>& entry = it->second.ctx;
+        bool valid;
+        {
+          std::lock_guard<std::mutex> ctxLock(entry->m_mtx);
+          valid = entry->m_valid;
+        }
+        if (valid) {
+          ++it;
+        } else {
+          forgotten.push_back(std::move(it->second.ctx));
+          it = m_pending.erase(it);
+        }
       }
       m_pruneAt = std::max<std::size_t>(kMinPrune, 2 * m_pending.size());
     }
@@ -573,34 +598,42 @@ class Connection::Impl {
   // watch per node and kind for all of a session's watchers, so it is removed
   // there when no other live watch of this session needs it.
   int RemoveWatches(std::vector<WatchHandle>& handles) {
-    std::unordered_set<const WatchContext*> targets;
+    // Held until the end, so that no context can be freed and its address
+    // taken by a new watch while the registry is searched for these; and
+    // released after the lock, since a callback's captures may call back into us.
+    std::vector<std::shared_ptr<WatchContext>> targets;
     for (WatchHandle& handle : handles) {
-      if (handle.m_ctx) targets.insert(handle.m_ctx.get());
+      if (handle.m_ctx) targets.push_back(handle.m_ctx);
       handle.Cancel(nullptr);
     }
+    const std::unordered_set<const WatchContext*> targeted = [&] {
+      std::unordered_set<const WatchContext*> set;
+      for (const auto& ctx : targets) set.insert(ctx.get());
+      return set;
+    }();
     const auto session = Current();
     std::set<std::pair<String, ZooWatcherType>> removed, kept;
-    {
-      std::lock_guard<std::mutex> lock(m_watchMutex);
-      for (auto it = m_pending.begin(); it != m_pending.end();) {
-        const PendingWatch& watch = it->second;
-        if (watch.session != session.get()) {
-          ++it;
-        } else if (targets.count(watch.ctx.get()) != 0) {
-          removed.emplace(watch.path, watch.type);
-          it = m_pending.erase(it);
-        } else {
-          std::lock_guard<std::mutex> ctxLock(watch.ctx->m_mtx);
-          if (watch.ctx->m_valid) kept.emplace(watch.path, watch.type);
-          ++it;
-        }
+    std::unique_lock<std::mutex> lock(m_watchMutex);
+    for (auto it = m_pending.begin(); it != m_pending.end();) {
+      const PendingWatch& watch = it->second;
+      if (watch.session != session.get()) {
+        ++it;
+      } else if (targeted.count(watch.ctx.get()) != 0) {
+        removed.emplace(watch.path, watch.type);
+        it = m_pending.erase(it);
+      } else {
+        std::lock_guard<std::mutex> ctxLock(watch.ctx->m_mtx);
+        if (watch.ctx->m_valid) kept.emplace(watch.path, watch.type);
+        ++it;
       }
     }
     std::vector<RemoveRequest> requests;
     for (const auto& entry : removed) {
       if (kept.count(entry) == 0) requests.push_back({entry.first, entry.second});
     }
-    return SendRemoveWatches(*session, requests);
+    // The removals leave before the lock does: a watch set on one of these
+    // paths after the search goes out after them, and no removal takes it.
+    return SendRemoveWatches(*session, requests, lock);
   }
 
  private:
@@ -609,24 +642,32 @@ class Connection::Impl {
     ZooWatcherType type;
   };
 
-  static int SendRemoveWatches(const Session& session, const std::vector<RemoveRequest>& requests) {
+  // Sends the removals and unlocks `sending` before waiting for them.
+  static int SendRemoveWatches(const Session& session, const std::vector<RemoveRequest>& requests,
+                               std::unique_lock<std::mutex>& sending) {
     std::vector<int> results(requests.size(), ZOK);
     if (t_onEventThread) {
+      // Synchronous requests are answered by the client's I/O thread, so they
+      // may wait under the lock.
       for (std::size_t i = 0; i < requests.size(); ++i) {
         results[i] =
             zoo_remove_all_watches(session.zh, requests[i].path.c_str(), requests[i].type, 0);
       }
+      sending.unlock();
     } else {
       // The client declares the completion as a pointer to a function pointer
       // but stores and calls the value it is given as the function itself.
       void_completion_t completion = [](int rc, const void* data) {
         AsyncSlot::From(data).Complete(rc);
       };
-      RunPipelined(results, [&](std::size_t i, AsyncSlot& slot) -> std::optional<int> {
-        return Submitted(
-            zoo_aremove_all_watches(session.zh, requests[i].path.c_str(), requests[i].type, 0,
-                                    reinterpret_cast<void_completion_t*>(completion), &slot));
-      });
+      RunPipelined(
+          results,
+          [&](std::size_t i, AsyncSlot& slot) -> std::optional<int> {
+            return Submitted(
+                zoo_aremove_all_watches(session.zh, requests[i].path.c_str(), requests[i].type, 0,
+                                        reinterpret_cast<void_completion_t*>(completion), &slot));
+          },
+          &sending);
     }
     for (int rc : results) {
       // A watch that fired meanwhile is gone already.
@@ -753,6 +794,10 @@ Connection::~Connection() {
     m_impl->Detach();
     std::thread([impl = std::move(m_impl)]() mutable { impl.reset(); }).detach();
   }
+}
+
+bool Connection::OnEventThread() {
+  return t_onEventThread;
 }
 
 clientid_t Connection::ClientId() const {

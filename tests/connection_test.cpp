@@ -512,6 +512,65 @@ TEST_F(ConnectionTest, RemoveWatchesRemovesThemFromTheServer) {
   EXPECT_EQ(0u, log.Count());
 }
 
+// A callback may hold the last reference to something that uses the
+// connection when it is destroyed; it goes when its watch is forgotten, or
+// with the connection, which it must not use then.
+struct WatchesOnDestruction {
+  WatchesOnDestruction(Connection& conn, std::string path, std::shared_ptr<std::atomic<int>> count)
+      : conn(conn), path(std::move(path)), destroyed(std::move(count)) {}
+  ~WatchesOnDestruction() {
+    if (*destroyed < 0) return;  // the connection is going
+    auto [rc, handle] = conn.Exists(
+        path, [](int, int, std::string) {}, nullptr);
+    EXPECT_EQ(ZNONODE, rc);
+    ++*destroyed;
+  }
+  Connection& conn;
+  const std::string path;
+  const std::shared_ptr<std::atomic<int>> destroyed;
+};
+
+TEST_F(ConnectionTest, ACallbackWhoseCapturesUseTheConnectionCanBeForgotten) {
+  const std::string missing = base + "/never";
+  const auto destroyed = std::make_shared<std::atomic<int>>(0);
+  const auto watchWithCapture = [&] {
+    auto capture = std::make_shared<WatchesOnDestruction>(*conn, missing + "-other", destroyed);
+    auto [rc, handle] = conn->Exists(
+        missing, [capture](int, int, std::string) {}, nullptr);
+    EXPECT_EQ(ZNONODE, rc);
+    return std::move(handle);
+  };
+  // Forgotten by RemoveWatches.
+  std::vector<Connection::WatchHandle> handles;
+  handles.push_back(watchWithCapture());
+  EXPECT_EQ(ZOK, conn->RemoveWatches(handles));
+  EXPECT_EQ(1, *destroyed);
+  // Forgotten when the registry is pruned of cancelled watches.
+  for (int i = 0; i < 200; ++i) watchWithCapture();
+  EXPECT_GT(*destroyed, 1);
+  *destroyed = -1;
+}
+
+TEST_F(ConnectionTest, AnInjectorThatThrowsMidBatchLeavesTheBatchWhole) {
+  std::vector<Connection::ReadRequest> reads;
+  for (int i = 0; i < 6; ++i) {
+    reads.push_back({base + "/t" + std::to_string(i), i % 2 == 0});
+    ASSERT_EQ(ZOK, conn->Create(reads.back().path, "v", ZOO_OPEN_ACL_UNSAFE, 0, nullptr));
+  }
+  conn->SetFaultInjector([&](Connection::Operation, const std::string& path) -> std::optional<int> {
+    if (path == reads[3].path) throw std::runtime_error("injector failed");
+    return std::nullopt;
+  });
+  std::vector<std::string> values;
+  std::vector<Connection::WatchHandle> handles;
+  EXPECT_THROW(conn->GetAll(
+                   reads, values, [](int, int, std::string) {}, &handles),
+               std::runtime_error);
+  conn->SetFaultInjector(nullptr);
+  EXPECT_EQ(std::vector<int>(6, ZOK), conn->GetAll(reads, values));
+  EXPECT_EQ(std::vector<std::string>(6, "v"), values);
+}
+
 TEST_F(ConnectionTest, FaultInjectorReplacesTheResult) {
   const std::string node = base + "/injected";
   conn->SetFaultInjector([&](Connection::Operation op, const std::string& path) {

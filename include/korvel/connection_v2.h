@@ -125,6 +125,10 @@ class Connection : public ObservableImpl<ConnectionObserver> {
   std::chrono::milliseconds SessionTimeout() const;
   // The current session's state (ZOO_CONNECTED_STATE, ZOO_CONNECTING_STATE, ...).
   int State() const;
+  // True on a thread that is running a watch callback or a session observer
+  // of any Connection: such a thread must not wait for anything that needs
+  // further callbacks, since it is the one that would deliver them.
+  static bool OnEventThread();
 
   // Node operations. Each returns the ZooKeeper result code and never throws
   // for a ZooKeeper failure. Paths are absolute ZooKeeper paths; one that
