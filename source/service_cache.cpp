@@ -51,6 +51,9 @@ constexpr auto kMaxRetry = std::chrono::milliseconds(2000);
 
 std::atomic<std::uint64_t> g_nextCacheId{1};
 
+// The cache whose thread this is, if any.
+thread_local const void* t_cacheThreadOf = nullptr;
+
 ServiceCacheEvent MakeEvent(ServiceCacheEvent::Type type, const ServiceId& id = {},
                             CachedInstancePtr instance = nullptr) {
   ServiceCacheEvent event;
@@ -90,7 +93,8 @@ class ServiceCache::Impl : public ConnectionObserver, public std::enable_shared_
     if (m_worker.joinable() || m_stopping) return;
     m_conn->RegisterWeak(weak_from_this());
     m_tasks.push_back(Task{Task::kList, {}, 0, true});
-    m_worker = std::thread([this] { Run(); });
+    // The thread keeps the cache alive, for a Stop that does not wait for it.
+    m_worker = std::thread([self = shared_from_this()] { self->Run(); });
   }
 
   void Stop() {
@@ -100,14 +104,14 @@ class ServiceCache::Impl : public ConnectionObserver, public std::enable_shared_
       m_stopping = true;
     }
     m_queueCv.notify_all();
-    if (m_worker.joinable()) m_worker.join();
-    // The worker is gone: its state is ours now.
-    std::vector<Connection::WatchHandle> handles;
-    handles.push_back(std::move(m_listWatch));
-    for (auto& [id, entry] : m_instances) handles.push_back(std::move(entry.statusWatch));
-    m_conn->RemoveWatches(handles);
-    m_current = false;
-    PublishSnapshot();  // no longer current; listeners hear nothing more
+    if (!m_worker.joinable()) return;
+    if (MustNotWaitForTheCacheThread()) {
+      // It may be waiting for answers that this thread would deliver; it
+      // stops by itself, and listeners are not started any more.
+      m_worker.detach();
+    } else {
+      m_worker.join();
+    }
   }
 
   std::shared_ptr<const ServiceSnapshot> Snapshot() const {
@@ -160,20 +164,25 @@ class ServiceCache::Impl : public ConnectionObserver, public std::enable_shared_
   }
 
   bool WaitUntilCurrent(std::chrono::milliseconds timeout) const {
+    // The cache's reads are answered on the event thread: waiting there
+    // would only hold them up.
+    if (Connection::OnEventThread()) return Snapshot()->current;
     std::unique_lock<std::mutex> lock(m_publishMutex);
     return m_publishCv.wait_for(lock, timeout, [this] { return m_published->current; });
   }
 
   int AddListener(Listener listener) {
-    std::lock_guard<std::recursive_mutex> lock(m_listenerMutex);
+    std::lock_guard<std::mutex> lock(m_listenerMutex);
     const int id = m_nextListener++;
-    m_listeners.emplace(id, std::move(listener));
+    m_listeners.emplace(id, std::make_shared<const Listener>(std::move(listener)));
     return id;
   }
 
   void RemoveListener(int id) {
-    std::lock_guard<std::recursive_mutex> lock(m_listenerMutex);
+    std::unique_lock<std::mutex> lock(m_listenerMutex);
     m_listeners.erase(id);
+    if (MustNotWaitForTheCacheThread()) return;
+    m_listenerCv.wait(lock, [&] { return m_runningListener != id; });
   }
 
   void OnSessionEvent(int type, int state, String) override {
@@ -193,6 +202,12 @@ class ServiceCache::Impl : public ConnectionObserver, public std::enable_shared_
     Connection::WatchHandle statusWatch;
     int followUps = 0;  // reads scheduled since it was last complete
   };
+
+  // On the cache's own thread (a listener) waiting for it cannot end; on an
+  // event thread it may not end, since the cache may be waiting for that thread.
+  bool MustNotWaitForTheCacheThread() const {
+    return t_cacheThreadOf == this || Connection::OnEventThread();
+  }
 
   static std::size_t RandomIndex(std::size_t size) {
     thread_local std::minstd_rand engine{std::random_device{}()};
@@ -223,34 +238,57 @@ class ServiceCache::Impl : public ConnectionObserver, public std::enable_shared_
   // The cache's thread: takes tasks one at a time, and wakes up for retries
   // and for the end of the grace period of a disconnection.
   void Run() {
-    for (;;) {
-      std::optional<Task> task;
-      {
-        std::unique_lock<std::mutex> lock(m_queueMutex);
-        const auto ready = [&] { return m_stopping || !m_tasks.empty(); };
-        if (const auto deadline = NextDeadline()) {
-          m_queueCv.wait_until(lock, *deadline, ready);
-        } else {
-          m_queueCv.wait(lock, ready);
-        }
-        if (m_stopping) return;
-        if (!m_tasks.empty()) {
-          task = std::move(m_tasks.front());
-          m_tasks.pop_front();
-        }
+    t_cacheThreadOf = this;
+    while (RunOnce()) {
+    }
+    Finish();
+  }
+
+  // Handles one task or deadline; false once the cache stops.
+  bool RunOnce() {
+    std::optional<Task> task;
+    {
+      std::unique_lock<std::mutex> lock(m_queueMutex);
+      const auto ready = [&] { return m_stopping || !m_tasks.empty(); };
+      if (const auto deadline = NextDeadline()) {
+        m_queueCv.wait_until(lock, *deadline, ready);
+      } else {
+        m_queueCv.wait(lock, ready);
       }
-      try {
-        if (task) {
-          Handle(*task);
-        } else {
-          OnDeadline();
-        }
-      } catch (const std::exception& e) {
-        QXLOG(g_log, QXLOG_WARNING)
-            << "Service cache of '" << m_aliveDir << "' failed: " << e.what() << "; listing again";
-        ScheduleRetry(true);
+      if (m_stopping) return false;
+      if (!m_tasks.empty()) {
+        task = std::move(m_tasks.front());
+        m_tasks.pop_front();
       }
     }
+    try {
+      if (task) {
+        Handle(*task);
+      } else {
+        OnDeadline();
+      }
+    } catch (const std::exception& e) {
+      QXLOG(g_log, QXLOG_WARNING) << "Service cache of '" << m_aliveDir << "' failed: " << e.what()
+                                  << "; listing again";
+      ScheduleRetry(true);
+    }
+    return true;
+  }
+
+  // Removes the cache's watches and publishes its last snapshot, no longer
+  // current; listeners hear nothing more.
+  void Finish() {
+    std::vector<Connection::WatchHandle> handles;
+    handles.push_back(std::move(m_listWatch));
+    for (auto& [id, entry] : m_instances) handles.push_back(std::move(entry.statusWatch));
+    try {
+      m_conn->RemoveWatches(handles);
+    } catch (const std::exception& e) {
+      QXLOG(g_log, QXLOG_WARNING) << "Service cache of '" << m_aliveDir
+                                  << "' could not remove its watches: " << e.what();
+    }
+    m_current = false;
+    PublishSnapshot();
   }
 
   std::optional<Clock::time_point> NextDeadline() const {
@@ -527,19 +565,36 @@ class ServiceCache::Impl : public ConnectionObserver, public std::enable_shared_
     m_publishCv.notify_all();
   }
 
+  // Calls the listeners without holding their lock, so that they may add
+  // and remove listeners and the cache may be stopped meanwhile.
   void Deliver(const std::vector<ServiceCacheEvent>& events) {
-    std::lock_guard<std::recursive_mutex> lock(m_listenerMutex);
     for (const ServiceCacheEvent& event : events) {
       std::vector<int> ids;
-      for (const auto& entry : m_listeners) ids.push_back(entry.first);
+      {
+        std::lock_guard<std::mutex> lock(m_listenerMutex);
+        for (const auto& entry : m_listeners) ids.push_back(entry.first);
+      }
       for (int id : ids) {
-        auto it = m_listeners.find(id);  // a listener may have removed one
-        if (it == m_listeners.end()) continue;
+        std::shared_ptr<const Listener> listener;
+        {
+          std::lock_guard<std::mutex> lock(m_listenerMutex);
+          auto it = m_listeners.find(id);  // a listener may have removed one
+          if (m_stopping || it == m_listeners.end()) continue;
+          listener = it->second;
+          m_runningListener = id;
+        }
         try {
-          it->second(event);
+          (*listener)(event);
         } catch (const std::exception& e) {
           QXLOG(g_log, QXLOG_WARNING) << "Service cache listener threw: " << e.what();
+        } catch (...) {
+          QXLOG(g_log, QXLOG_WARNING) << "Service cache listener threw";
         }
+        {
+          std::lock_guard<std::mutex> lock(m_listenerMutex);
+          m_runningListener = 0;
+        }
+        m_listenerCv.notify_all();
       }
     }
   }
@@ -571,14 +626,16 @@ class ServiceCache::Impl : public ConnectionObserver, public std::enable_shared_
   mutable std::mutex m_stickyMutex;
   mutable std::optional<ServiceId> m_sticky;
 
-  std::recursive_mutex m_listenerMutex;
-  std::map<int, Listener> m_listeners;
+  std::mutex m_listenerMutex;
+  std::condition_variable m_listenerCv;
+  std::map<int, std::shared_ptr<const Listener>> m_listeners;
   int m_nextListener = 1;
+  int m_runningListener = 0;  // the listener being called, if any
 
   std::mutex m_queueMutex;
   std::condition_variable m_queueCv;
   std::deque<Task> m_tasks;
-  bool m_stopping = false;
+  std::atomic<bool> m_stopping{false};  // set under m_queueMutex
   std::thread m_worker;
 };
 

@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <future>
 #include <random>
 
 #include <boost/lexical_cast.hpp>
@@ -133,6 +134,21 @@ class ServiceCacheTest : public ::testing::Test {
   }
   std::shared_ptr<Service> Register(const std::string& name) {
     return std::make_shared<Service>(conn, type, name);
+  }
+  // Writes an instance's nodes as registration leaves them, with `attributes`;
+  // returns its id.
+  std::string Publish(const std::vector<std::string>& attributes) {
+    const std::string name = qx::uuid::to_string(qx::korvel::RandomServiceId());
+    const std::string root = "/srv/" + type + "/" + name;
+    qx::korvel::EnsurePath(*conn, root, false, ZOO_OPEN_ACL_UNSAFE);
+    qx::korvel::EnsurePath(*conn, "/srv/alive/" + type, false, ZOO_OPEN_ACL_UNSAFE);
+    std::vector<Connection::CreateRequest> nodes;
+    for (const auto& attribute : attributes) {
+      nodes.push_back({root + "/" + attribute, "x", ZOO_EPHEMERAL});
+    }
+    nodes.push_back({"/srv/alive/" + type + "/" + name, "", ZOO_EPHEMERAL});
+    for (int rc : conn->CreateAll(nodes, ZOO_OPEN_ACL_UNSAFE)) EXPECT_EQ(ZOK, rc);
+    return name;
   }
   bool WaitForModel(ServiceCache& cache, const Model& expected,
                     std::chrono::milliseconds timeout = 10000ms) {
@@ -317,19 +333,8 @@ TEST_F(ServiceCacheTest, PickFollowsTheStrategy) {
 TEST_F(ServiceCacheTest, ReadsAFinishedRegistrationOnceAndAnUnfinishedOneOnceMore) {
   // Two instances as registration leaves them, one with a version (written
   // last, so that registration is finished), one without.
-  const std::string finished = qx::uuid::to_string(qx::korvel::RandomServiceId());
-  const std::string unfinished = qx::uuid::to_string(qx::korvel::RandomServiceId());
-  for (const std::string& name : {finished, unfinished}) {
-    const std::string root = "/srv/" + type + "/" + name;
-    qx::korvel::EnsurePath(*conn, root, false, ZOO_OPEN_ACL_UNSAFE);
-    for (const char* attribute : {"status", "hostname", "pid", "start_time"}) {
-      ASSERT_EQ(ZOK, conn->Create(root + "/" + attribute, "x", ZOO_OPEN_ACL_UNSAFE, ZOO_EPHEMERAL,
-                                  nullptr));
-    }
-    qx::korvel::EnsurePath(*conn, "/srv/alive/" + type + "/" + name, true, ZOO_OPEN_ACL_UNSAFE);
-  }
-  ASSERT_EQ(ZOK, conn->Create("/srv/" + type + "/" + finished + "/version", "1",
-                              ZOO_OPEN_ACL_UNSAFE, ZOO_EPHEMERAL, nullptr));
+  const std::string finished = Publish({"status", "hostname", "pid", "start_time", "version"});
+  const std::string unfinished = Publish({"status", "hostname", "pid", "start_time"});
 
   auto readerConn = Connect(SharedServer().ConnectString());
   std::mutex mutex;
@@ -348,6 +353,56 @@ TEST_F(ServiceCacheTest, ReadsAFinishedRegistrationOnceAndAnUnfinishedOneOnceMor
   std::lock_guard<std::mutex> lock(mutex);
   EXPECT_EQ(reads, (std::map<std::string, int>{{finished, 7}, {unfinished, 14}}));
   EXPECT_EQ(ModelOf(*cache.Snapshot()), ReadTree(*conn, type));
+}
+
+TEST_F(ServiceCacheTest, DestroyedOnTheEventThreadWhileItReads) {
+  const std::vector<std::string> all{"status",     "service_name",     "hostname", "pid",
+                                     "start_time", "chef_recipe_name", "version"};
+  for (int i = 0; i < 300; ++i) Publish(all);
+  auto readerConn = Connect(SharedServer().ConnectString());
+  auto cache = std::make_unique<ServiceCache>(readerConn, type);
+  const std::string trigger = "/" + type + "-trigger";
+  std::promise<std::chrono::steady_clock::duration> done;
+  auto [rc, handle] = readerConn->Exists(
+      trigger,
+      [&](int, int, std::string) {
+        const auto start = std::chrono::steady_clock::now();
+        cache->WaitUntilCurrent(5000ms);  // does not wait here
+        cache.reset();
+        done.set_value(std::chrono::steady_clock::now() - start);
+      },
+      nullptr);
+  ASSERT_EQ(ZNONODE, rc);
+  cache->Start();
+  // Fires while the cache reads its 2,100 attributes, answered on this very thread.
+  ASSERT_EQ(ZOK, conn->Create(trigger, "", ZOO_OPEN_ACL_UNSAFE, ZOO_EPHEMERAL, nullptr));
+  auto took = done.get_future();
+  ASSERT_EQ(std::future_status::ready, took.wait_for(10s));
+  EXPECT_LT(took.get(), 1s);
+  // The connection still delivers.
+  EventLog log;
+  auto [rc2, later] = readerConn->Exists(trigger + "-2", log.Callback(), nullptr);
+  ASSERT_EQ(ZOK, conn->Create(trigger + "-2", "", ZOO_OPEN_ACL_UNSAFE, ZOO_EPHEMERAL, nullptr));
+  EXPECT_TRUE(log.WaitFor(1));
+}
+
+TEST_F(ServiceCacheTest, AListenerMayChangeTheListenersAndDestroyTheCache) {
+  auto a = Register("a");
+  auto b = Register("b");
+  auto cache = std::make_unique<ServiceCache>(conn, type);
+  std::atomic<int> calls{0};
+  std::atomic<bool> destroyed{false};
+  cache->AddListener([&](const ServiceCacheEvent&) {
+    ++calls;
+    const int other = cache->AddListener([](const ServiceCacheEvent&) {});
+    cache->RemoveListener(other);
+    cache.reset();
+    destroyed = true;
+  });
+  cache->Start();
+  ASSERT_TRUE(WaitUntil([&] { return destroyed.load(); }, 10000ms));
+  std::this_thread::sleep_for(300ms);
+  EXPECT_EQ(1, calls);  // the first of the events (a, b, current): none after
 }
 
 TEST_F(ServiceCacheTest, NoListenerCallAfterDestruction) {

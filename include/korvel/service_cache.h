@@ -11,9 +11,11 @@
 // Threads: Snapshot() and Pick() may be called from any thread; they take no
 // lock and make no request. The cache does its reading on a thread of its own,
 // which also calls the listeners, one event at a time and in the order the
-// tree changed as far as ZooKeeper tells. Start, Stop, AddListener and
-// RemoveListener may be called from any thread except a listener (which may
-// only call RemoveListener).
+// tree changed as far as ZooKeeper tells. Every other member may be called
+// from any thread too, including a listener and the connection's event thread
+// (a watch callback or session observer); there Stop, the destructor and
+// RemoveListener do not wait for the cache's thread, which may be waiting for
+// that very thread, and WaitUntilCurrent does not wait at all.
 #pragma once
 
 #include <chrono>
@@ -81,7 +83,7 @@ class ServiceCache {
   // reads nothing until Start().
   ServiceCache(std::shared_ptr<Connection> conn, const String& type,
                Selection selection = Selection::kRoundRobin);
-  // Stops the cache: no listener is called after it returns.
+  // Stops the cache, as Stop() does.
   ~ServiceCache();
   ServiceCache(const ServiceCache&) = delete;
   ServiceCache& operator=(const ServiceCache&) = delete;
@@ -89,8 +91,12 @@ class ServiceCache {
   // Starts listing and watching; returns at once. When the server cannot be
   // reached, the cache keeps trying and fills in once it can.
   void Start();
-  // Stops watching and removes its watches from the server. A stopped cache
-  // keeps its last snapshot (no longer current) and cannot be started again.
+  // Stops watching and removes its watches from the server; no listener is
+  // called after it returns. A stopped cache keeps its last snapshot (no
+  // longer current) and cannot be started again. Called from a listener or on
+  // the connection's event thread, it returns at once: a listener running at
+  // that moment may still be finishing, none starts afterwards, and the
+  // cache's thread removes the watches and ends by itself.
   void Stop();
 
   // The latest snapshot. Never null.
@@ -98,14 +104,16 @@ class ServiceCache {
   // One instance whose status is "up", chosen by the selection strategy, or
   // null when there is none.
   CachedInstancePtr Pick() const;
-  // Waits until the cache is current; false when `timeout` passed first.
+  // Waits until the cache is current; false when `timeout` passed first. On
+  // the connection's event thread it says at once whether it is current.
   bool WaitUntilCurrent(std::chrono::milliseconds timeout) const;
 
   // Adds a listener and returns its id. Events that happen from then on are
   // delivered to it on the cache's thread.
   int AddListener(Listener listener);
-  // Removes a listener: when it returns, the listener is not running (unless
-  // it called this itself) and is never called again.
+  // Removes a listener: it is never called again, and when this returns it
+  // is not running (unless called by a listener or on the connection's event
+  // thread, which do not wait).
   void RemoveListener(int id);
 
  private:
