@@ -373,6 +373,22 @@ TEST(CliTest, AnUnreachableEnsembleFailsWithinTheSessionTimeout) {
   }
 }
 
+TEST(CliTest, ReadingAnUnknownTypeWritesNothing) {
+  const std::string type = UniqueName("cli-unknown");
+  const Result list = Korvel({"list", type});
+  EXPECT_EQ(0, list.code) << list.err;
+  EXPECT_EQ("no live instances\n", list.out);
+  const std::string id = "00000000-0000-4000-8000-000000000000";
+  for (const Result& result : {Korvel({"show", type, id}), Korvel({"get", type, id, "status"})}) {
+    EXPECT_EQ(1, result.code);
+    EXPECT_TRUE(HasLine(result.err, "korvel: no instance " + id + " of type '" + type + "'"))
+        << result.err;
+  }
+  const auto conn = Connect(Hosts());
+  EXPECT_EQ(ZNONODE, conn->Exists("/srv/alive/" + type, nullptr));
+  EXPECT_EQ(ZNONODE, conn->Exists("/srv/" + type, nullptr));
+}
+
 TEST(CliTest, AliveIsNotAServiceType) {
   for (const char* command : {"register", "list"}) {
     const Result result = Korvel({command, "alive"});

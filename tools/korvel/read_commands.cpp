@@ -36,16 +36,36 @@ std::string Dump(const Json& json) {
   return json.dump(2, ' ', false, Json::error_handler_t::replace) + "\n";
 }
 
-OldServiceWatcher WatchType(std::shared_ptr<Connection> conn, const std::string& type) {
+void RequireServiceType(const std::string& type) {
   // Service refuses this type; a watcher would make the node /srv/alive/alive.
   if (qx::korvel::NormalizePath(type) == "alive") {
     throw Failure("'alive' is not a service type: it is where liveness nodes live");
   }
+}
+
+// A watcher of the type, or none when the type has no liveness directory:
+// a watcher would make it, and reading commands write nothing.
+std::optional<OldServiceWatcher> WatchType(std::shared_ptr<Connection> conn,
+                                           const std::string& type) {
+  RequireServiceType(type);
+  const int rc = conn->Exists("/srv/alive/" + qx::korvel::NormalizePath(type), nullptr);
+  if (rc == ZNONODE) return std::nullopt;
+  Check(rc, "cannot read the service type '" + type + "'");
   try {
     return OldServiceWatcher(std::move(conn), type);
   } catch (const qx::korvel::KorvelError& e) {
     throw Failure("cannot watch the service type '" + type + "': " + e.what());
   }
+}
+
+// The watcher of the type of instance `id`; throws when the type has none.
+OldServiceWatcher WatchInstanceType(const Settings& settings, const std::string& type,
+                                    const ServiceId& id) {
+  auto watcher = WatchType(Connect(settings.hosts, settings.sessionTimeout), type);
+  if (!watcher) {
+    throw Failure("no instance " + qx::uuid::to_string(id) + " of type '" + type + "'");
+  }
+  return std::move(*watcher);
 }
 
 void SortInstances(std::vector<InstanceFacts>& instances) {
@@ -226,24 +246,26 @@ std::optional<ServiceId> ParseServiceId(const std::string& text) {
 }
 
 int RunList(const Settings& settings, const std::string& type, bool json, bool watch) {
-  if (watch) WatchStopSignals();
-  const auto conn = Connect(settings.hosts, settings.sessionTimeout);
-  const auto watcher = WatchType(conn, type);
-  if (watch) return WatchInstances(conn, type, json);
-  std::cout << FormatInstances(ReadInstances(watcher), json);
+  if (watch) {
+    WatchStopSignals();
+    RequireServiceType(type);
+    return WatchInstances(Connect(settings.hosts, settings.sessionTimeout), type, json);
+  }
+  const auto watcher = WatchType(Connect(settings.hosts, settings.sessionTimeout), type);
+  std::cout << FormatInstances(watcher ? ReadInstances(*watcher) : std::vector<InstanceFacts>{},
+                               json);
   return 0;
 }
 
 int RunShow(const Settings& settings, const std::string& type, const ServiceId& id,
             const std::string& child, bool json) {
-  const auto watcher = WatchType(Connect(settings.hosts, settings.sessionTimeout), type);
-  std::cout << ShowInstance(watcher, type, id, child, json);
+  std::cout << ShowInstance(WatchInstanceType(settings, type, id), type, id, child, json);
   return 0;
 }
 
 int RunGet(const Settings& settings, const std::string& type, const ServiceId& id,
            const std::string& attribute, const std::string& child) {
-  const auto watcher = WatchType(Connect(settings.hosts, settings.sessionTimeout), type);
+  const auto watcher = WatchInstanceType(settings, type, id);
   const std::string idText = qx::uuid::to_string(id);
   auto [rc, value] = watcher.GetAttribute(id, attribute, child);
   if (rc == ZOK) {
