@@ -340,6 +340,7 @@ TEST(CliTest, UsageErrorsExitTwoWithTheUsage) {
       {"show", "t", "not-a-uuid"},
       {"get", "t", "00000000-0000-4000-8000-000000000000"},
       {"--session-timeout", "soon", "list", "t"},
+      {"--session-timeout", "500", "list", "t"},
       {"--log-level", "loud", "list", "t"},
   };
   for (const auto& args : misuses) {
@@ -370,6 +371,27 @@ TEST(CliTest, AnUnreachableEnsembleFailsWithinTheSessionTimeout) {
     ASSERT_FALSE(lines.empty()) << command;
     EXPECT_TRUE(StartsWith(lines.back(), "korvel: cannot connect to ZooKeeper at " + hosts))
         << lines.back();
+  }
+}
+
+TEST(CliTest, RegisterRunsALastCommandWithoutItsNewline) {
+  const std::string type = UniqueName("cli");
+  Registered instance({type});
+  ASSERT_EQ(36u, instance.Id().size()) << instance.Stderr();
+  instance.Process().Send("status up");
+  instance.Process().CloseStdin();
+  EXPECT_EQ("ok status up", instance.WaitForLine([](const std::string& line) {
+    return StartsWith(line, "ok") || StartsWith(line, "error");
+  }));
+}
+
+TEST(CliTest, AnEmptyOrUnknownLogLevelInTheEnvironmentMeansWarning) {
+  for (const char* value : {"", "loud"}) {
+    setenv("KORVEL_LOG_LEVEL", value, 1);
+    const Result result = Korvel({"list", UniqueName("cli")});
+    unsetenv("KORVEL_LOG_LEVEL");
+    EXPECT_EQ(0, result.code) << result.err;
+    EXPECT_EQ(std::string::npos, result.err.find(" INFO ")) << value << "\n" << result.err;
   }
 }
 

@@ -140,7 +140,10 @@ void ChildProcess::ReadOutput(int stdoutFd, int stderrFd) {
 }
 
 bool ChildProcess::SendLine(const std::string& line) {
-  const std::string data = line + "\n";
+  return Send(line + "\n");
+}
+
+bool ChildProcess::Send(const std::string& data) {
   std::size_t written = 0;
   while (m_stdin >= 0 && written < data.size()) {
     const ssize_t n = write(m_stdin, data.data() + written, data.size() - written);

@@ -39,7 +39,9 @@ class ChildProcess {
 
   pid_t Pid() const { return m_pid; }
 
-  // Writes `line` and a newline to the child's stdin; false if the child does not read any more.
+  // Writes `data` to the child's stdin; false if the child does not read any more.
+  bool Send(const std::string& data);
+  // Writes `line` and a newline.
   bool SendLine(const std::string& line);
   void CloseStdin();
 

@@ -4,7 +4,10 @@
 // Exit codes: 0 success, 1 failure (one line on stderr naming it), 2 usage error.
 #include <logger/logger.h>
 
+#include <strings.h>
+
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <cstdlib>
 #include <iostream>
 #include <map>
@@ -18,6 +21,14 @@ const std::map<std::string, qx::logging::LogLevel> kLogLevels = {
     {"warning", qx::logging::QXLOG_WARNING},   {"error", qx::logging::QXLOG_ERROR},
     {"critical", qx::logging::QXLOG_CRITICAL},
 };
+
+// True when KORVEL_LOG_LEVEL names a level, which the library then started with.
+bool EnvironmentNamesALogLevel() {
+  const char* text = std::getenv("KORVEL_LOG_LEVEL");
+  return text != nullptr &&
+         std::any_of(kLogLevels.begin(), kLogLevels.end(),
+                     [&](const auto& level) { return strcasecmp(text, level.first.c_str()) == 0; });
+}
 
 // Checks a value with `parse`, which returns nullopt for a bad one; `name` says what it should be.
 template <typename Parse>
@@ -51,7 +62,8 @@ int main(int argc, char** argv) {
       ->type_name("HOSTS")
       ->capture_default_str();
   app.add_option("--session-timeout", sessionTimeoutMs, "Session timeout in milliseconds")
-      ->check(CLI::Range(1, 3600 * 1000))
+      // Connecting waits as long as this: below a second it fails for no reason.
+      ->check(CLI::Range(1000, 3600 * 1000))
       ->type_name("MS")
       ->capture_default_str();
   app.add_option("--log-level", logLevel,
@@ -123,7 +135,7 @@ int main(int argc, char** argv) {
 
   if (!logLevel.empty()) {
     qx::logging::SetMinimumLoggingLevel(kLogLevels.at(logLevel));
-  } else if (std::getenv("KORVEL_LOG_LEVEL") == nullptr) {
+  } else if (!EnvironmentNamesALogLevel()) {
     qx::logging::SetMinimumLoggingLevel(qx::logging::QXLOG_WARNING);
   }
   const korvel::cli::Settings settings{hosts, std::chrono::milliseconds(sessionTimeoutMs)};

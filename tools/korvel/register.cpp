@@ -194,9 +194,10 @@ void ServeCommands(Registration& registration, const std::string& hosts, const C
     if (n < 0 && errno == EINTR) continue;
     if (n <= 0) {
       stdinOpen = false;
-      continue;
+      pending += '\n';  // a last line without its newline is still a command
+    } else {
+      pending.append(buffer, static_cast<std::size_t>(n));
     }
-    pending.append(buffer, static_cast<std::size_t>(n));
     for (std::size_t end; (end = pending.find('\n')) != std::string::npos;) {
       std::string line = pending.substr(0, end);
       pending.erase(0, end + 1);

@@ -2,6 +2,7 @@
 
 #include <pthread.h>
 #include <signal.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <thread>
@@ -22,7 +23,10 @@ void WatchStopSignals() {
   // Detached: it waits until the process ends.
   std::thread([signals] {
     int received = 0;
-    if (sigwait(&signals, &received) == 0) g_received = received;
+    if (sigwait(&signals, &received) != 0) return;
+    g_received = received;
+    // A second one ends the process at once, should the orderly stop hang.
+    if (sigwait(&signals, &received) == 0) _exit(128 + received);
   }).detach();
 }
 
