@@ -7,6 +7,7 @@
 #include <boost/algorithm/string/trim.hpp>
 #include <cstdlib>
 #include <nlohmann/json.hpp>
+#include <regex>
 #include <sstream>
 #include <thread>
 
@@ -133,8 +134,11 @@ TEST(CliTest, ListShowsTheInstancesWithTheirFacts) {
   std::istringstream row(lines[1]);
   std::vector<std::string> cells;
   for (std::string cell; row >> cell;) cells.push_back(cell);
-  // ID STATUS NAME HOST PID STARTED (date and time) VERSION
+  // ID STATUS NAME HOST PID STARTED (date and time, UTC) VERSION
   ASSERT_EQ(8u, cells.size()) << lines[1];
+  EXPECT_TRUE(
+      std::regex_match(cells[5] + " " + cells[6], std::regex(R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\dZ)")))
+      << lines[1];
   EXPECT_EQ(instance.Id(), cells[0]);
   EXPECT_EQ("up", cells[1]);
   EXPECT_EQ("alpha", cells[2]);
@@ -155,7 +159,10 @@ TEST(CliTest, ListShowsTheInstancesWithTheirFacts) {
   EXPECT_EQ("alpha", facts.at("service_name"));
   EXPECT_EQ(HostName(), facts.at("hostname"));
   EXPECT_EQ(pid, facts.at("pid"));
-  EXPECT_TRUE(facts.contains("start_time"));
+  // As stored: the ISO weekday after the dot.
+  EXPECT_TRUE(std::regex_match(facts.at("start_time").get<std::string>(),
+                               std::regex(R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.[1-7])")))
+      << facts.at("start_time");
   for (const auto& [name, value] : facts.items()) EXPECT_TRUE(value.is_string()) << name;
 }
 

@@ -6,14 +6,25 @@
 namespace korvel::cli {
 namespace {
 
+// A start time is stored as "YYYY-MM-DD HH:MM:SS.D" in UTC, D being the ISO
+// weekday (1 Monday ... 7 Sunday), which reads like a tenth of a second: the
+// table shows "YYYY-MM-DD HH:MM:SSZ" instead. Any other text is shown as it is.
+std::string ShowStartTime(const std::string& value) {
+  const bool stored = value.size() == 21 && value[19] == '.' && value[20] >= '1' &&
+                      value[20] <= '7' && value[10] == ' ';
+  return stored ? value.substr(0, 19) + "Z" : value;
+}
+
 struct Column {
   const char* heading;
-  const char* attribute;  // nullptr: the id
+  const char* attribute;                              // nullptr: the id
+  std::string (*show)(const std::string&) = nullptr;  // how the table shows the value
 };
 
 const Column kColumns[] = {
-    {"ID", nullptr}, {"STATUS", "status"},      {"NAME", "service_name"}, {"HOST", "hostname"},
-    {"PID", "pid"},  {"STARTED", "start_time"}, {"VERSION", "version"},
+    {"ID", nullptr},        {"STATUS", "status"}, {"NAME", "service_name"},
+    {"HOST", "hostname"},   {"PID", "pid"},       {"STARTED", "start_time", &ShowStartTime},
+    {"VERSION", "version"},
 };
 
 // Writes `cells` padded to `widths`, two spaces apart; the last cell unpadded.
@@ -56,7 +67,8 @@ std::string FormatTable(const std::vector<InstanceFacts>& instances) {
   for (const InstanceFacts& instance : instances) {
     std::vector<std::string>& row = rows.emplace_back();
     for (const Column& column : kColumns) {
-      row.push_back(column.attribute ? instance.Get(column.attribute) : instance.id);
+      const std::string value = column.attribute ? instance.Get(column.attribute) : instance.id;
+      row.push_back(column.show ? column.show(value) : value);
     }
   }
   std::vector<std::size_t> widths(rows[0].size(), 0);
