@@ -305,6 +305,22 @@ TEST(CliTest, ShowPrintsTheAttributesAndTheChildTree) {
   EXPECT_FALSE(HasLine(child.out, "service_name  gamma")) << child.out;
 
   EXPECT_EQ(1, Korvel({"show", type, instance.Id(), "--child", "worker-9"}).code);
+
+  // An attribute is no child record, and a child record no attribute.
+  const Result attribute = Korvel({"show", type, instance.Id(), "--child", "status"});
+  EXPECT_EQ(1, attribute.code);
+  EXPECT_TRUE(HasLine(attribute.err, "korvel: 'status' is an attribute of instance " +
+                                         instance.Id() +
+                                         ", not a child record: korvel get reads it"))
+      << attribute.err;
+  const Result notAnAttribute =
+      Korvel({"get", type, instance.Id(), "thread-0", "--child", "worker-1"});
+  EXPECT_EQ(1, notAnAttribute.code);
+  EXPECT_EQ("", notAnAttribute.out);
+  EXPECT_TRUE(HasLine(notAnAttribute.err,
+                      "korvel: 'worker-1/thread-0' is a child record of instance " + instance.Id() +
+                          ", not an attribute: korvel show --child shows it"))
+      << notAnAttribute.err;
 }
 
 TEST(CliTest, ListWatchPrintsTheListAgainAtEveryChange) {

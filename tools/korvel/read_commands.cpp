@@ -59,13 +59,30 @@ std::optional<OldServiceWatcher> WatchType(std::shared_ptr<Connection> conn,
 }
 
 // The watcher of the type of instance `id`; throws when the type has none.
-OldServiceWatcher WatchInstanceType(const Settings& settings, const std::string& type,
+OldServiceWatcher WatchInstanceType(std::shared_ptr<Connection> conn, const std::string& type,
                                     const ServiceId& id) {
-  auto watcher = WatchType(Connect(settings.hosts, settings.sessionTimeout), type);
+  auto watcher = WatchType(std::move(conn), type);
   if (!watcher) {
     throw Failure("no instance " + qx::uuid::to_string(id) + " of type '" + type + "'");
   }
   return std::move(*watcher);
+}
+
+// What the node at `path` below the instance's data node holds, if it exists.
+std::optional<Stat> NodeStat(const Connection& conn, const std::string& type, const ServiceId& id,
+                             const std::string& path) {
+  Stat stat{};
+  const int rc = conn.Exists("/srv/" + qx::korvel::NormalizePath(type) + "/" +
+                                 qx::uuid::to_string(id) + "/" + qx::korvel::NormalizePath(path),
+                             &stat);
+  return rc == ZOK ? std::optional<Stat>(stat) : std::nullopt;
+}
+
+// A child record has attributes below it, or none and no value (all of its
+// attributes removed); an attribute has nothing below it and is an
+// instance's own (ephemeral) or holds a value.
+bool IsChildRecord(const Stat& stat) {
+  return stat.numChildren > 0 || (stat.ephemeralOwner == 0 && stat.dataLength == 0);
 }
 
 void SortInstances(std::vector<InstanceFacts>& instances) {
@@ -259,16 +276,30 @@ int RunList(const Settings& settings, const std::string& type, bool json, bool w
 
 int RunShow(const Settings& settings, const std::string& type, const ServiceId& id,
             const std::string& child, bool json) {
-  std::cout << ShowInstance(WatchInstanceType(settings, type, id), type, id, child, json);
+  const auto conn = Connect(settings.hosts, settings.sessionTimeout);
+  const auto watcher = WatchInstanceType(conn, type, id);
+  const auto stat = child.empty() ? std::nullopt : NodeStat(*conn, type, id, child);
+  if (stat && !IsChildRecord(*stat)) {
+    throw Failure("'" + child + "' is an attribute of instance " + qx::uuid::to_string(id) +
+                  ", not a child record: korvel get reads it");
+  }
+  std::cout << ShowInstance(watcher, type, id, child, json);
   return 0;
 }
 
 int RunGet(const Settings& settings, const std::string& type, const ServiceId& id,
            const std::string& attribute, const std::string& child) {
-  const auto watcher = WatchInstanceType(settings, type, id);
+  const auto conn = Connect(settings.hosts, settings.sessionTimeout);
+  const auto watcher = WatchInstanceType(conn, type, id);
   const std::string idText = qx::uuid::to_string(id);
   auto [rc, value] = watcher.GetAttribute(id, attribute, child);
   if (rc == ZOK) {
+    const std::string path = child.empty() ? attribute : child + "/" + attribute;
+    const auto stat = NodeStat(*conn, type, id, path);
+    if (stat && stat->numChildren > 0) {
+      throw Failure("'" + path + "' is a child record of instance " + idText +
+                    ", not an attribute: korvel show --child shows it");
+    }
     std::cout << value << "\n";
     return 0;
   }
