@@ -8,7 +8,7 @@ rm -rf "$work"
 mkdir -p "$work"
 
 cmake -S "$source_dir" -B "$work/build" -DCMAKE_BUILD_TYPE=Release \
-  -DKORVEL_BUILD_TESTS=OFF -DKORVEL_BUILD_BENCHMARKS=OFF >/dev/null
+  -DKORVEL_BUILD_TESTS=OFF -DKORVEL_BUILD_BENCHMARKS=OFF -DKORVEL_BUILD_TOOL=OFF >/dev/null
 cmake --build "$work/build" -j2 >/dev/null
 cmake --install "$work/build" --prefix "$work/prefix" >/dev/null
 
