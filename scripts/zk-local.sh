@@ -3,14 +3,18 @@
 # port with its data in a new temporary directory, and prints two lines:
 # the connect string and the directory. `zk-local.sh stop DIR` stops it and
 # removes the directory. The server stops by itself after KORVEL_ZK_LIFETIME
-# seconds (default 600), so that nothing is left running.
+# seconds (default 600), and then removes the directory too, so that nothing
+# is left behind.
 set -euo pipefail
 
 if [ "${1:-}" = "stop" ]; then
-  dir=$2
-  [ -f "$dir/pid" ] && kill "$(cat "$dir/pid")" 2>/dev/null || true
-  for _ in $(seq 50); do kill -0 "$(cat "$dir/pid")" 2>/dev/null || break; sleep 0.1; done
-  kill -9 "$(cat "$dir/pid")" 2>/dev/null || true
+  dir=${2:?usage: zk-local.sh stop DIR}
+  if [ -f "$dir/pid" ]; then
+    pid=$(cat "$dir/pid")
+    kill "$pid" 2>/dev/null || true
+    for _ in $(seq 50); do kill -0 "$pid" 2>/dev/null || break; sleep 0.1; done
+    kill -9 "$pid" 2>/dev/null || true
+  fi
   rm -rf "$dir"
   exit 0
 fi
@@ -31,11 +35,17 @@ admin.enableServer=false
 maxSessionTimeout=60000
 CFG
 lifetime=${KORVEL_ZK_LIFETIME:-600}
-setsid timeout "$lifetime" java -Xmx256m -XX:+UseSerialGC -XX:TieredStopAtLevel=1 -XX:-UsePerfData -Dzookeeper.log.dir="$dir" \
-  -Dlog4j.configuration=file:/etc/zookeeper/conf_example/log4j.properties \
-  -cp /etc/zookeeper/conf:/usr/share/java/zookeeper.jar \
-  org.apache.zookeeper.server.ZooKeeperServerMain "$dir/zoo.cfg" >"$dir/server.log" 2>&1 &
-echo $! >"$dir/pid"
+# The JVM runs in the foreground of a shell of its own, which removes the
+# directory once it has ended, by `stop` or at the end of its lifetime.
+setsid bash -c '
+  timeout "$1" java -Xmx256m -XX:+UseSerialGC -XX:TieredStopAtLevel=1 -XX:-UsePerfData \
+    -Dzookeeper.log.dir="$2" -Dlog4j.configuration=file:/etc/zookeeper/conf_example/log4j.properties \
+    -cp /etc/zookeeper/conf:/usr/share/java/zookeeper.jar \
+    org.apache.zookeeper.server.ZooKeeperServerMain "$2/zoo.cfg" >"$2/server.log" 2>&1 &
+  echo $! >"$2/pid"
+  wait
+  rm -rf "$2"' zk-local "$lifetime" "$dir" </dev/null >/dev/null 2>&1 &
+for _ in $(seq 50); do [ -s "$dir/pid" ] && break; sleep 0.1; done
 
 for _ in $(seq 150); do
   reply=$( (exec 3<>"/dev/tcp/127.0.0.1/$port" && echo srvr >&3 && timeout 1 cat <&3) 2>/dev/null || true)
