@@ -1,6 +1,7 @@
 // Tests of the ZooKeeper test harness itself, against real servers.
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/wait.h>
 #include <unistd.h>
 #include <zookeeper/zookeeper.h>
 
@@ -8,6 +9,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <filesystem>
+#include <fstream>
 #include <mutex>
 #include <string>
 
@@ -109,6 +111,26 @@ TEST(ZooKeeperServerTest, StartsServesAndCleansUp) {
   EXPECT_EQ(kill(pid, 0), -1);  // Gone and reaped.
   EXPECT_EQ(errno, ESRCH);
   EXPECT_FALSE(std::filesystem::exists(dir));
+}
+
+TEST(ZooKeeperServerTest, StartingRemovesTheDirectoriesOfDeadOwners) {
+  // The directory a killed owner left, and one of a live owner.
+  const pid_t dead = fork();
+  if (dead == 0) _exit(0);
+  ASSERT_GT(dead, 0);
+  ASSERT_EQ(dead, waitpid(dead, nullptr, 0));
+  const char* tmp = getenv("TMPDIR");
+  const std::filesystem::path temp = tmp && *tmp ? tmp : "/tmp";
+  const auto leftover = temp / ("korvel-zk-dead" + std::to_string(dead));
+  const auto live = temp / ("korvel-zk-live" + std::to_string(getpid()));
+  for (const auto& [dir, owner] : {std::pair(leftover, dead), std::pair(live, getpid())}) {
+    std::filesystem::create_directories(dir / "data");
+    std::ofstream(dir / "owner") << owner << "\n";
+  }
+  { ZooKeeperServer zk; }
+  EXPECT_FALSE(std::filesystem::exists(leftover));
+  EXPECT_TRUE(std::filesystem::exists(live));
+  std::filesystem::remove_all(live);
 }
 
 TEST(ZooKeeperServerTest, StopAndKillKeepData) {

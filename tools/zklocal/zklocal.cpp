@@ -63,6 +63,26 @@ std::string ModeOf(const std::string& srvr) {
   return srvr.substr(pos, srvr.find('\n', pos) - pos);
 }
 
+constexpr char kDirPrefix[] = "korvel-zk-";
+constexpr char kOwnerFile[] = "owner";  // the pid of the process that made the directory
+
+std::string TempDir() {
+  const char* tmp = getenv("TMPDIR");
+  return tmp && *tmp ? tmp : "/tmp";
+}
+
+// Removes the directories of servers whose owner died without removing them
+// (killed by a test timeout, say); its JVM died with it.
+void RemoveDirectoriesOfDeadOwners() {
+  std::error_code error;
+  for (const auto& entry : fs::directory_iterator(TempDir(), error)) {
+    if (entry.path().filename().string().rfind(kDirPrefix, 0) != 0) continue;
+    pid_t owner = 0;
+    if (!(std::ifstream(entry.path() / kOwnerFile) >> owner) || owner <= 0) continue;
+    if (kill(owner, 0) != 0 && errno == ESRCH) fs::remove_all(entry.path(), error);
+  }
+}
+
 std::string ReadFile(const std::string& path, std::streamoff from = 0) {
   std::ifstream in(path, std::ios::binary);
   in.seekg(from);
@@ -82,10 +102,11 @@ class ServerNode {
   ServerNode(int server_id, int tick_ms, Jit jit = Jit::kQuickStart)
       : server_id_(server_id), tick_ms_(tick_ms), jit_(jit) {
     if (tick_ms <= 0) throw std::invalid_argument("ZooKeeper tickTime must be positive");
-    const char* tmp = getenv("TMPDIR");
-    std::string templ = std::string(tmp && *tmp ? tmp : "/tmp") + "/korvel-zk-XXXXXX";
+    RemoveDirectoriesOfDeadOwners();
+    std::string templ = TempDir() + "/" + kDirPrefix + "XXXXXX";
     if (mkdtemp(templ.data()) == nullptr) throw std::runtime_error(ErrnoText("mkdtemp " + templ));
     dir_ = templ;
+    std::ofstream(dir_ + "/" + kOwnerFile) << getpid() << "\n";
   }
 
   ~ServerNode() {
