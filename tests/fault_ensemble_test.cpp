@@ -99,8 +99,7 @@ TEST_F(FaultEnsembleTest, StreamsAndRegistrationsSurviveKilledAndPausedMembers) 
     while (!stop.load()) {
       auto watch = probe.Make();
       auto [rc, ids, handle] = watcher.List(watch.callback);
-      handle = {};
-      watch.gone->store(true);
+      watch.Drop(handle);
       bool ok = rc == ZOK && ids.size() == kServices;
       for (const auto& id : ids) ok = ok && std::get<0>(watcher.GetAttribute(id, "status")) == ZOK;
       ++(ok ? reads.ok : reads.failed);

@@ -50,6 +50,15 @@ class FaultOutageTest : public LeakCheckedTest {
   }
 };
 
+// The warnings and errors the services logged, one per line.
+std::string ServiceProblems(const LogCapture& capture) {
+  std::string text;
+  for (const auto& record : capture.FromSource("korvel.service")) {
+    if (record.level >= qx::logging::QXLOG_WARNING) text += record.message + "\n";
+  }
+  return text;
+}
+
 TEST_F(FaultOutageTest, EveryServiceIsRegisteredAgainAfterTheServerWasAway) {
   ZooKeeperServer server;
   LogCapture capture;  // the client's reconnect chatter stays off stderr
@@ -91,8 +100,7 @@ TEST_F(FaultOutageTest, EveryServiceIsRegisteredAgainAfterTheServerWasAway) {
         server.Stop();
       }
       std::this_thread::sleep_for(kAway / 2);
-      handle = {};  // dropped while the server is away
-      watch.gone->store(true);
+      watch.Drop(handle);  // dropped while the server is away
       std::this_thread::sleep_for(kAway / 2);
       if (pause) {
         server.Resume();
@@ -107,7 +115,7 @@ TEST_F(FaultOutageTest, EveryServiceIsRegisteredAgainAfterTheServerWasAway) {
         return true;
       };
       const char* what = pause ? "pause" : "stop";
-      ASSERT_TRUE(WaitUntil(allRegistered, 30000ms)) << what;
+      ASSERT_TRUE(WaitUntil(allRegistered, 30000ms)) << what << "\n" << ServiceProblems(capture);
       std::this_thread::sleep_for(500ms);  // an expiry still under way would show now
       ASSERT_TRUE(WaitUntil(allRegistered, 30000ms)) << what;
 

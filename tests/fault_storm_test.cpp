@@ -54,8 +54,7 @@ TEST_F(FaultStormTest, NoLiveInstanceLosesItsDataNode) {
       while (!stop.load()) {
         auto watch = probe.Make();
         auto [rc, ids, handle] = watcher.List(watch.callback);
-        handle = {};  // cancels the watch
-        watch.gone->store(true);
+        watch.Drop(handle);
         if (rc != ZOK) continue;
         ++listings;
         for (const auto& id : ids) {

@@ -103,10 +103,16 @@ class RegistryCheck {
 // Any thread.
 class LateCallbackProbe {
  public:
-  // A watch callback, and the flag to set once its handle is gone.
+  // A watch callback, and the flag set once its handle is gone.
   struct Watch {
     qx::korvel::WatchFunction callback;
     std::shared_ptr<std::atomic<bool>> gone;
+
+    // Cancels the watch of `handle`. A call that starts afterwards is late; a
+    // call running at this moment is not (cancelling does not wait for it).
+    void Drop(qx::korvel::Connection::WatchHandle& handle) const {
+      if (!handle.Cancel(nullptr)) gone->store(true);
+    }
   };
   Watch Make();
   int Late() const { return m_late->load(); }
