@@ -67,8 +67,12 @@ TEST_F(FaultOutageTest, EveryServiceIsRegisteredAgainAfterTheServerWasAway) {
       Connect(server.ConnectString(), kSessionTimeout)};
   const std::string shared = UniqueName("outage"), other = UniqueName("outage");
   std::vector<Registered> services;
+  // Two instances of a type on each connection. Not one type on both: after
+  // a pause both sessions expire, and a registration racing another
+  // connection's registration of its type can lose its data node to that
+  // one's cleanup and fail, deliberately not retried until the next expiry.
   for (auto [conn, type] : {std::pair{conns[0], shared}, std::pair{conns[0], shared},
-                            std::pair{conns[1], shared}, std::pair{conns[1], other}}) {
+                            std::pair{conns[1], other}, std::pair{conns[1], other}}) {
     auto service = std::make_shared<Service>(conn, type, "outage");
     service->RegisterForSessionEvent();
     services.push_back({service, type});
@@ -92,7 +96,7 @@ TEST_F(FaultOutageTest, EveryServiceIsRegisteredAgainAfterTheServerWasAway) {
       auto watch = probe.Make();
       auto [rc, ids, handle] = watcher.List(watch.callback);
       ASSERT_EQ(ZOK, rc);
-      ASSERT_EQ(3u, ids.size());
+      ASSERT_EQ(2u, ids.size());
 
       if (pause) {
         server.Pause();
@@ -121,7 +125,7 @@ TEST_F(FaultOutageTest, EveryServiceIsRegisteredAgainAfterTheServerWasAway) {
 
       auto [listRc, listed] = watcher.List();
       EXPECT_EQ(ZOK, listRc) << what;
-      EXPECT_EQ(3u, listed.size()) << what;
+      EXPECT_EQ(2u, listed.size()) << what;
       for (std::size_t c = 0; c < conns.size(); ++c) {
         const bool fresh = conns[c]->ClientId().client_id != sessions[c];
         renewed += fresh;
