@@ -139,6 +139,23 @@ double AddLatency(const Connection& writer, const std::string& type,
   return Seconds(end - start) * 1e3;
 }
 
+// A row's note: what its floor is, the cache against the same requests as it
+// makes (`requests`), made directly, and how far those requests alone stay
+// from the floor: no cache can do better than that. Samples are in
+// thousandths of `unit`.
+std::string Note(const std::string& floor, const std::string& requests,
+                 const Samples<double>& measured, const Samples<double>& same,
+                 const std::string& unit) {
+  char figures[160];
+  std::snprintf(figures, sizeof figures,
+                "%.0f %s / %.0f %s = %.2fx; those requests alone take %.2fx the floor",
+                Median(same.korvel) * 1e3, unit.c_str(), Median(same.floor) * 1e3, unit.c_str(),
+                Median(same.korvel) / Median(same.floor),
+                Median(same.floor) / Median(measured.floor));
+  return "floor: " + floor + "; against the same requests as the cache (" + requests +
+         "): " + figures;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -266,25 +283,15 @@ int main(int argc, char** argv) {
     qx::korvel::RecursiveDelete(*conn, "/srv/" + name);
     qx::korvel::RecursiveDelete(*conn, "/srv/alive/" + name);
   }
-  // The notes also say how far the C client itself, making the cache's
-  // requests, stays from the floor: no cache can do better than that.
-  char addNote[320];
-  std::snprintf(addNote, sizeof addNote,
-                "floor: the C client's own child watch; against the same requests as the cache "
-                "(the watch, then on another thread the listing and the new instance's %zu "
-                "reads): %.0f us / %.0f us = %.2fx; those requests alone take %.2fx the floor",
-                std::size(kAttributes), Median(addSame.korvel) * 1e3, Median(addSame.floor) * 1e3,
-                Median(addSame.korvel) / Median(addSame.floor),
-                Median(addSame.floor) / Median(add.floor));
   const double coldBuild = Median(cold.korvel);
-  char coldNote[280];
-  std::snprintf(coldNote, sizeof coldNote,
-                "floor: one listing and one read per instance, pipelined; against the same "
-                "requests as the cache (%zu reads per instance): %.0f ms / %.0f ms = %.2fx; "
-                "those requests alone take %.2fx the floor",
-                std::size(kAttributes), Median(coldSame.korvel) * 1e3, Median(coldSame.floor) * 1e3,
-                Median(coldSame.korvel) / Median(coldSame.floor),
-                Median(coldSame.floor) / Median(cold.floor));
+  const std::string coldNote =
+      Note("one listing and one read per instance, pipelined",
+           std::to_string(std::size(kAttributes)) + " reads per instance", cold, coldSame, "ms");
+  const std::string addNote =
+      Note("the C client's own child watch",
+           "the watch, then on another thread the listing and the new instance's " +
+               std::to_string(std::size(kAttributes)) + " reads",
+           add, addSame, "us");
   std::vector<Row> rows{
       {"cache cold build, " + std::to_string(instances) + " instances", coldBuild * 1e3,
        Median(cold.floor) * 1e3, "ms", RatioAtMost(3.0), instances / coldBuild / 1e3, "k inst/s",
