@@ -10,7 +10,7 @@
 #include <map>
 #include <set>
 #include <thread>
-#include <unordered_set>
+#include <unordered_map>
 
 #include "korvel/error.h"
 #include "logger/logger.h"
@@ -601,16 +601,11 @@ class Connection::Impl {
     // Held until the end, so that no context can be freed and its address
     // taken by a new watch while the registry is searched for these; and
     // released after the lock, since a callback's captures may call back into us.
-    std::vector<std::shared_ptr<WatchContext>> targets;
+    std::unordered_map<const WatchContext*, std::shared_ptr<WatchContext>> targets;
     for (WatchHandle& handle : handles) {
-      if (handle.m_ctx) targets.push_back(handle.m_ctx);
+      if (handle.m_ctx) targets.emplace(handle.m_ctx.get(), handle.m_ctx);
       handle.Cancel(nullptr);
     }
-    const std::unordered_set<const WatchContext*> targeted = [&] {
-      std::unordered_set<const WatchContext*> set;
-      for (const auto& ctx : targets) set.insert(ctx.get());
-      return set;
-    }();
     const auto session = Current();
     std::set<std::pair<String, ZooWatcherType>> removed, kept;
     std::unique_lock<std::mutex> lock(m_watchMutex);
@@ -618,7 +613,7 @@ class Connection::Impl {
       const PendingWatch& watch = it->second;
       if (watch.session != session.get()) {
         ++it;
-      } else if (targeted.count(watch.ctx.get()) != 0) {
+      } else if (targets.count(watch.ctx.get()) != 0) {
         removed.emplace(watch.path, watch.type);
         it = m_pending.erase(it);
       } else {
