@@ -432,10 +432,12 @@ TEST_F(ConnectionTest, ANodeWithoutDataReadsAsEmpty) {
   zhandle_t* raw =
       zookeeper_init(SharedServer().ConnectString().c_str(), nullptr, 4000, nullptr, nullptr, 0);
   ASSERT_NE(nullptr, raw);
-  ASSERT_TRUE(WaitUntil([&] { return zoo_state(raw) == ZOO_CONNECTED_STATE; }, 5000ms));
+  const bool connected = WaitUntil([&] { return zoo_state(raw) == ZOO_CONNECTED_STATE; }, 5000ms);
   const int created =
-      zoo_create(raw, node.c_str(), nullptr, -1, &ZOO_OPEN_ACL_UNSAFE, 0, nullptr, 0);
-  zookeeper_close(raw);
+      connected ? zoo_create(raw, node.c_str(), nullptr, -1, &ZOO_OPEN_ACL_UNSAFE, 0, nullptr, 0)
+                : ZCONNECTIONLOSS;
+  zookeeper_close(raw);  // before any assertion can return
+  ASSERT_TRUE(connected);
   ASSERT_EQ(ZOK, created);
 
   std::string value = "stale";
