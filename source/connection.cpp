@@ -490,17 +490,24 @@ class Connection::Impl {
     clientid_t id{};
     {
       std::lock_guard<std::mutex> lock(m_sessionMutex);
-      if (state == ZOO_CONNECTED_STATE && !session.connected) {
-        session.connected = true;
-        m_connectedCv.notify_all();
-      }
       current = !m_closing && m_current.get() == &session;
       if (current) id = *zoo_client_id(session.zh);
     }
+    // The state is logged before a waiting Connect is released, so that the
+    // connection's first record always comes before anything its user logs.
+    if (current) {
+      const logging::LogLevel level = state == ZOO_CONNECTED_STATE ? QXLOG_INFO : QXLOG_WARNING;
+      QXLOG(g_log, level) << "ZooKeeper session " << SessionIdText(id) << " " << StateName(state);
+    }
+    if (state == ZOO_CONNECTED_STATE) {
+      std::lock_guard<std::mutex> lock(m_sessionMutex);
+      if (!session.connected) {
+        session.connected = true;
+        m_connectedCv.notify_all();
+      }
+    }
     if (!current) return;
 
-    const logging::LogLevel level = state == ZOO_CONNECTED_STATE ? QXLOG_INFO : QXLOG_WARNING;
-    QXLOG(g_log, level) << "ZooKeeper session " << SessionIdText(id) << " " << StateName(state);
     if (state == ZOO_EXPIRED_SESSION_STATE) ExpireWatches(&session);
     m_self.Notify([&](ConnectionObserver& observer) {
       try {

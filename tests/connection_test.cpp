@@ -7,6 +7,7 @@
 #include <atomic>
 #include <condition_variable>
 #include <future>
+#include <sstream>
 #include <thread>
 
 #include "korvel/error.h"
@@ -34,6 +35,18 @@ TEST_F(ConnectionTest, ConnectsWithASession) {
   EXPECT_NE(0, conn->ClientId().client_id);
   EXPECT_EQ(ZOO_CONNECTED_STATE, conn->State());
   EXPECT_EQ(4000ms, conn->SessionTimeout());
+}
+
+TEST_F(ConnectionTest, TheSessionIsLoggedBeforeConnectReturns) {
+  for (int round = 0; round < 20; ++round) {
+    LogCapture capture;
+    auto fresh = Connect(SharedServer().ConnectString());
+    const auto records = capture.FromSource("korvel.connection");
+    ASSERT_EQ(1u, records.size()) << "round " << round;
+    std::ostringstream expected;
+    expected << "ZooKeeper session 0x" << std::hex << fresh->ClientId().client_id << " connected";
+    EXPECT_EQ(expected.str(), records[0].message);
+  }
 }
 
 TEST_F(ConnectionTest, NoServerFailsWithinTheTimeout) {
