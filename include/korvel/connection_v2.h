@@ -2,7 +2,8 @@
 // of korvel that talks to ZooKeeper.
 //
 // Session contract:
-// - The constructor returns with the session connected, or throws.
+// - The constructor returns with the session connected (and that logged), or
+//   throws.
 // - A connection loss is not an expiry: the client reconnects to the same
 //   session by itself, its ephemeral nodes and watches survive, and requests
 //   made meanwhile fail with ZCONNECTIONLOSS (a write that failed so may still
