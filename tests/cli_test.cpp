@@ -383,7 +383,8 @@ TEST(CliTest, UsageErrorsExitTwoWithTheUsage) {
 }
 
 TEST(CliTest, AnUnreachableEnsembleFailsWithinTheSessionTimeout) {
-  const std::string hosts = "127.0.0.1:" + std::to_string(FreeLoopbackPort());
+  const RefusingLoopbackPort nothing;
+  const std::string hosts = nothing.ConnectString();
   for (const char* command : {"list", "register"}) {
     const auto start = std::chrono::steady_clock::now();
     const Result result = RunKorvel({"--zk", hosts, "--session-timeout", "1500", command, "t"});

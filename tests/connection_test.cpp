@@ -50,7 +50,8 @@ TEST_F(ConnectionTest, TheSessionIsLoggedBeforeConnectReturns) {
 }
 
 TEST_F(ConnectionTest, NoServerFailsWithinTheTimeout) {
-  const std::string hosts = "127.0.0.1:" + std::to_string(FreeLoopbackPort());
+  const RefusingLoopbackPort nothing;
+  const std::string hosts = nothing.ConnectString();
   LogCapture capture;
   const auto start = std::chrono::steady_clock::now();
   try {

@@ -85,10 +85,11 @@ std::string ModeOf(int port) {
 }
 
 TEST(HarnessTest, FreePortAndFourLetterWordFailFastOnClosedPort) {
-  int port = FreeLoopbackPort();
-  EXPECT_GT(port, 0);
+  EXPECT_GT(FreeLoopbackPort(), 0);
+  const RefusingLoopbackPort closed;
+  EXPECT_GT(closed.Port(), 0);
   auto start = std::chrono::steady_clock::now();
-  EXPECT_EQ(FourLetterWord(port, "ruok", 2s), "");
+  EXPECT_EQ(FourLetterWord(closed.Port(), "ruok", 2s), "");
   EXPECT_LT(std::chrono::steady_clock::now() - start, 1s);
   EXPECT_FALSE(WaitUntil([] { return false; }, 30ms));
   EXPECT_TRUE(WaitUntil([] { return true; }, 0ms));

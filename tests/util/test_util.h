@@ -20,6 +20,7 @@ using namespace std::chrono_literals;
 using zklocal::ExpireSession;
 using zklocal::FourLetterWord;
 using zklocal::FreeLoopbackPort;
+using zklocal::RefusingLoopbackPort;
 using zklocal::WaitUntil;
 using zklocal::ZooKeeperEnsemble;
 using zklocal::ZooKeeperServer;

@@ -407,9 +407,8 @@ void Restart(ServerNode& node, milliseconds timeout) {
   }
 }
 
-}  // namespace
-
-int FreeLoopbackPort() {
+// Binds a new socket to 127.0.0.1 on a port the kernel picks; returns the socket and sets `port`.
+int BindLoopback(int& port) {
   int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
   if (fd < 0) throw std::runtime_error(ErrnoText("socket"));
   sockaddr_in addr{};
@@ -423,8 +422,28 @@ int FreeLoopbackPort() {
     close(fd);
     throw std::runtime_error(error);
   }
-  close(fd);
-  return ntohs(addr.sin_port);
+  port = ntohs(addr.sin_port);
+  return fd;
+}
+
+}  // namespace
+
+int FreeLoopbackPort() {
+  int port = 0;
+  close(BindLoopback(port));
+  return port;
+}
+
+RefusingLoopbackPort::RefusingLoopbackPort() : fd_(-1), port_(0) {
+  fd_ = BindLoopback(port_);
+}
+
+RefusingLoopbackPort::~RefusingLoopbackPort() {
+  close(fd_);
+}
+
+std::string RefusingLoopbackPort::ConnectString() const {
+  return "127.0.0.1:" + std::to_string(port_);
 }
 
 std::string FourLetterWord(int port, const std::string& word, milliseconds timeout) {

@@ -25,6 +25,23 @@ namespace korvel::zklocal {
 // Returns a TCP port that was free on 127.0.0.1 a moment ago (bind to port 0, read, close).
 int FreeLoopbackPort();
 
+// A port of 127.0.0.1 that nothing serves: bound while this lives, without listening, so a
+// connection to it is refused and no other process (a test server started meanwhile) can take it.
+class RefusingLoopbackPort {
+ public:
+  RefusingLoopbackPort();  // throws std::runtime_error if no port can be bound
+  ~RefusingLoopbackPort();
+  RefusingLoopbackPort(const RefusingLoopbackPort&) = delete;
+  RefusingLoopbackPort& operator=(const RefusingLoopbackPort&) = delete;
+
+  int Port() const { return port_; }
+  std::string ConnectString() const;
+
+ private:
+  int fd_;
+  int port_;
+};
+
 // Sends a ZooKeeper four-letter word (e.g. "ruok", "srvr") to 127.0.0.1:port and returns the
 // reply, or "" on any failure or when `timeout` elapses.
 std::string FourLetterWord(int port, const std::string& word, std::chrono::milliseconds timeout);
