@@ -43,10 +43,10 @@ class ObservableImpl {
   // under way may still reach it.
   virtual void Unregister(const Observer* observer) {
     std::lock_guard<std::mutex> lock(m_mutex);
-    for (std::size_t i = m_weakObservers.size(); i-- > 0;) {
-      auto strong = m_weakObservers[i].lock();
-      if (!strong || strong.get() == observer) Erase(i);
-    }
+    EraseIf([observer](const std::weak_ptr<Observer>& weak) {
+      auto strong = weak.lock();
+      return !strong || strong.get() == observer;
+    });
   }
 
  protected:
@@ -57,9 +57,7 @@ class ObservableImpl {
     std::vector<std::shared_ptr<Observer>> live;
     {
       std::lock_guard<std::mutex> lock(m_mutex);
-      for (std::size_t i = m_weakObservers.size(); i-- > 0;) {
-        if (m_weakObservers[i].expired()) Erase(i);
-      }
+      EraseIf(Expired);
       live.reserve(m_weakObservers.size());
       for (const auto& weak : m_weakObservers) {
         if (auto strong = weak.lock()) live.push_back(std::move(strong));
@@ -82,9 +80,19 @@ class ObservableImpl {
   // to stay bounded. Called with the lock held.
   void PruneExpired() {
     if (m_weakObservers.size() < m_pruneAt) return;
+    EraseIf(Expired);
+    m_pruneAt = std::max<std::size_t>(kMinPrune, 2 * m_weakObservers.size());
+  }
+
+  static bool Expired(const std::weak_ptr<Observer>& weak) { return weak.expired(); }
+
+  // Drops the entries whose weak reference satisfies `drop`, from both lists,
+  // keeping the order of the others. Called with the lock held.
+  template <typename Drop>
+  void EraseIf(Drop drop) {
     std::size_t kept = 0;
     for (std::size_t i = 0; i < m_weakObservers.size(); ++i) {
-      if (m_weakObservers[i].expired()) continue;
+      if (drop(m_weakObservers[i])) continue;
       if (kept != i) {
         m_weakObservers[kept] = std::move(m_weakObservers[i]);
         m_observers[kept] = std::move(m_observers[i]);
@@ -93,16 +101,10 @@ class ObservableImpl {
     }
     m_weakObservers.resize(kept);
     m_observers.resize(kept);
-    m_pruneAt = std::max<std::size_t>(kMinPrune, 2 * kept);
   }
 
   static constexpr std::size_t kMinPrune = 16;
   std::size_t m_pruneAt = kMinPrune;
-
-  void Erase(std::size_t i) {
-    m_observers.erase(m_observers.begin() + static_cast<std::ptrdiff_t>(i));
-    m_weakObservers.erase(m_weakObservers.begin() + static_cast<std::ptrdiff_t>(i));
-  }
 };
 
 }  // namespace qx
