@@ -50,8 +50,8 @@ class IPStringStream : public std::ostream {
   IPStringBuf m_buf;
 };
 
-// The stream's whole text.
-inline String Finish(const IPStringStream& stream) {
+// The stream's whole text, valid until the stream is next written or reset.
+inline const String& Finish(const IPStringStream& stream) {
   return stream.Text();
 }
 

@@ -153,7 +153,7 @@ TEST(IPStringStreamTest, TextAccumulatesAndResetEmpties) {
   const qx::String kept = qx::Finish(stream);
   qx::Reset(stream, 64);
   EXPECT_EQ(qx::Finish(stream), "");
-  EXPECT_EQ(kept, "a1 2.5!more");  // Finish gave a copy
+  EXPECT_EQ(kept, "a1 2.5!more");  // a copy outlives the reset
 
   stream << "next";
   EXPECT_EQ(qx::Finish(stream), "next");

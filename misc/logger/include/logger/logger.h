@@ -225,7 +225,7 @@ class Logger {
   virtual ~Logger() noexcept {
     ForceLockHandlers();
     // The text is handed over where it stands: handlers may not keep it.
-    LogMessage(m_level, m_id, m_decodeType, m_source, m_filename, m_lineNumber, m_stream.Text(),
+    LogMessage(m_level, m_id, m_decodeType, m_source, m_filename, m_lineNumber, Finish(m_stream),
                m_handlerName);
     Reset(m_stream, kKeptCapacity);
     if (m_state) m_state->Restore();
