@@ -10,9 +10,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdio>
-#include <cstring>
 #include <fstream>
-#include <functional>
 #include <mutex>
 #include <stdexcept>
 #include <string>
@@ -61,9 +59,14 @@ template <typename A, typename B>
 auto Interleave(int rounds, int warmup, A&& korvel, B&& floor) {
   Samples<decltype(korvel())> samples;
   for (int r = -warmup; r < rounds; ++r) {
-    auto a = r % 2 == 0 ? korvel() : floor();
-    auto b = r % 2 == 0 ? floor() : korvel();
-    if (r % 2 != 0) std::swap(a, b);
+    decltype(korvel()) a, b;
+    if (r % 2 == 0) {
+      a = korvel();
+      b = floor();
+    } else {
+      b = floor();
+      a = korvel();
+    }
     if (r < 0) continue;
     samples.korvel.push_back(a);
     samples.floor.push_back(b);

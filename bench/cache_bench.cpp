@@ -1,6 +1,6 @@
 // The service cache against the C client doing the same work directly, each
 // pair measured side by side and interleaved (A B, B A, ...), medians reported:
-// - snapshot reads per second from two threads;
+// - snapshot reads per second from one and from two threads;
 // - the cold build of a type with many instances, against one listing plus
 //   one read per instance, pipelined, through the C client;
 // - the time from a new instance's liveness node to its appearance in the
@@ -15,11 +15,13 @@
 #include <stlext/uuid.h>
 
 #include <atomic>
+#include <functional>
 #include <memory>
 #include <set>
 #include <thread>
 
 #include "bench_util.h"
+#include "zklocal/zklocal.h"
 
 using namespace std::chrono_literals;
 using namespace korvel::bench;
@@ -86,11 +88,16 @@ double RawColdBuild(const RawClient& raw, const std::string& type,
   return Time([&] { RawReadAll(raw, type, RawList(raw, type), attributes); });
 }
 
+void RequireCurrent(const ServiceCache& cache, std::chrono::milliseconds timeout) {
+  if (!cache.WaitUntilCurrent(timeout))
+    throw std::runtime_error("the cache did not become current");
+}
+
 double CacheColdBuild(const std::shared_ptr<Connection>& conn, const std::string& type) {
   ServiceCache cache(conn, type);
   const auto start = Clock::now();
   cache.Start();
-  if (!cache.WaitUntilCurrent(120s)) return -1;
+  RequireCurrent(cache, 120s);
   return Seconds(Clock::now() - start);
 }
 
@@ -186,7 +193,7 @@ int main(int argc, char** argv) {
   {
     ServiceCache cache(conn, type);
     cache.Start();
-    cache.WaitUntilCurrent(120s);
+    RequireCurrent(cache, 120s);
     for (int r = 0; r < (args.quick ? 1 : 5); ++r) {
       reads1.push_back(SnapshotReads(cache, 1, readTime) / 1e6);
       reads2.push_back(SnapshotReads(cache, 2, readTime) / 1e6);
@@ -205,7 +212,7 @@ int main(int argc, char** argv) {
   Moment* expectedSeen = nullptr;
   ServiceCache smallCache(conn, small);
   smallCache.Start();
-  smallCache.WaitUntilCurrent(30s);
+  RequireCurrent(smallCache, 30s);
   smallCache.AddListener([&](const qx::korvel::ServiceCacheEvent& event) {
     if (event.type != qx::korvel::ServiceCacheEvent::Type::kInstanceAdded) return;
     std::lock_guard<std::mutex> lock(expectedMutex);
@@ -231,14 +238,13 @@ int main(int argc, char** argv) {
     deallocate_String_vector(&children);
   };
   // Every round starts with the cache idle: the instances made so far in its
-  // snapshot, and their re-read after the cache's settle time done.
+  // snapshot (each has its version, so the cache plans no re-read of it).
   std::size_t made = 10;
   const auto settle = [&] {
-    const auto deadline = Clock::now() + 10s;
-    while (smallCache.Snapshot()->instances.size() < made && Clock::now() < deadline) {
-      std::this_thread::sleep_for(1ms);
+    if (!korvel::zklocal::WaitUntil([&] { return smallCache.Snapshot()->instances.size() >= made; },
+                                    10s, 1ms)) {
+      throw std::runtime_error("the cache did not catch up within 10 s");
     }
-    std::this_thread::sleep_for(200ms);
     ++made;
   };
   auto add = Interleave(

@@ -11,7 +11,6 @@
 #include <logger/logger.h>
 #include <malloc.h>
 #include <stdlib.h>
-#include <stlext/uuid.h>
 #include <unistd.h>
 
 #include <fstream>
@@ -76,7 +75,8 @@ int main(int argc, char** argv) {
   }
   const Usage& first = checkpoints.front().second;
   const Usage& last = checkpoints.back().second;
-  const std::string span = std::to_string(checkpoints.front().first) + "-" + std::to_string(cycles);
+  const std::string span =
+      std::to_string(checkpoints.front().first) + "-" + std::to_string(checkpoints.back().first);
   rows.emplace_back("resident growth, cycles " + span, (last.resident - first.resident) / 1024, 0,
                     "KiB", ValueAtMost(256, "KiB"), 1 / perCycle, "cycles/s", residentNote);
   rows.emplace_back("heap growth, cycles " + span, (last.heap - first.heap) / 1024, 0, "KiB",

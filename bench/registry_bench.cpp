@@ -108,13 +108,12 @@ void BenchList(const std::shared_ptr<Connection>& conn, const RawClient& raw,
                const std::string& type, int instances, int rounds, std::vector<Row>& rows) {
   Progress("listing %d instances, %d rounds", instances, rounds);
   const std::string aliveDir = "/srv/alive/" + type;
-  qx::korvel::EnsurePath(*conn, aliveDir, false, ZOO_OPEN_ACL_UNSAFE);
+  const OldServiceWatcher watcher(conn, type);  // makes aliveDir
   std::vector<Connection::CreateRequest> nodes;
   for (int i = 0; i < instances; ++i)
     nodes.push_back({aliveDir + "/" + NewId(), "", ZOO_EPHEMERAL});
   CreateBatched(*conn, nodes);
 
-  const OldServiceWatcher watcher(conn, type);
   std::size_t found = 0;
   const auto list = [&] {
     return Time([&] {
@@ -254,11 +253,7 @@ void BenchSubtreeDelete(const std::shared_ptr<Connection>& conn, const RawClient
       [&] {
         const std::string root = populate();
         return Time([&] {
-          String_vector names{};
-          zoo_get_children(raw.zh(), root.c_str(), 0, &names);
-          std::vector<std::vector<std::string>> levels{{root}, {}};
-          for (int i = 0; i < names.count; ++i) levels[1].push_back(root + "/" + names.data[i]);
-          deallocate_String_vector(&names);
+          std::vector<std::vector<std::string>> levels{{root}};
           while (!levels.back().empty()) {
             const auto children = raw.ListAll(levels.back());
             std::vector<std::string> next;
@@ -390,13 +385,11 @@ int main(int argc, char** argv) {
   if (wanted("attributes"))
     BenchAttributes(args.hosts, conn, raw, base + "-attr", rounds * 5, rows);
 
+  std::vector<std::string> made;  // a missing one is no error
   for (const char* suffix : {"-reg", "-list1k", "-list10k", "-clean", "-subtree", "-attr"}) {
-    for (const std::string dir : {"/srv/", "/srv/alive/"}) {
-      if (conn->Exists(dir + base + suffix, nullptr) == ZOK) {
-        qx::korvel::RecursiveDelete(*conn, dir + base + suffix);
-      }
-    }
+    for (const std::string dir : {"/srv/", "/srv/alive/"}) made.push_back(dir + base + suffix);
   }
+  qx::korvel::RecursiveDeleteAll(*conn, made);
   PrintReport(rows, args.json);
   return 0;
 }
