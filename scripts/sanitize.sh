@@ -12,7 +12,8 @@ shift
 build="build-${sanitizers//,/-}"
 bash scripts/install-deps.sh
 cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=Debug -DKORVEL_SANITIZE="$sanitizers" \
-  -DKORVEL_BUILD_TESTS=ON -DKORVEL_BUILD_BENCHMARKS=OFF -DKORVEL_WERROR=ON >/dev/null
+  -DKORVEL_BUILD_TESTS=ON -DKORVEL_BUILD_BENCHMARKS=OFF -DKORVEL_WERROR=ON \
+  -DKORVEL_FAULT_TIMEOUT=900 >/dev/null
 cmake --build "$build" -j"$(nproc)"
 
 supp="$PWD/tests/sanitizers"
@@ -24,4 +25,4 @@ export LSAN_OPTIONS="suppressions=$supp/lsan.supp print_suppressions=0"
 export UBSAN_OPTIONS="print_stacktrace=1 halt_on_error=1"
 # install_test is left out: it builds and installs an uninstrumented copy of
 # the library of its own, so nothing of it would run under the sanitizers.
-ctest --test-dir "$build" --output-on-failure -j2 --timeout 900 -E '^install_test$' "$@"
+ctest --test-dir "$build" --output-on-failure -j2 -E '^install_test$' "$@"

@@ -4,7 +4,7 @@
 # the connect string and the directory. `zk-local.sh stop DIR` stops it and
 # removes the directory. The server stops by itself after KORVEL_ZK_LIFETIME
 # seconds (default 600), and then removes the directory too, so that nothing
-# is left behind.
+# is left behind. A server that fails at start leaves it, with its log.
 set -euo pipefail
 
 if [ "${1:-}" = "stop" ]; then
@@ -13,7 +13,7 @@ if [ "${1:-}" = "stop" ]; then
     pid=$(cat "$dir/pid")
     kill "$pid" 2>/dev/null || true
     for _ in $(seq 50); do kill -0 "$pid" 2>/dev/null || break; sleep 0.1; done
-    kill -9 "$pid" 2>/dev/null || true
+    kill -9 -- "-$pid" 2>/dev/null || true  # timeout leads the JVM's process group
   fi
   rm -rf "$dir"
   exit 0
@@ -35,19 +35,20 @@ admin.enableServer=false
 maxSessionTimeout=60000
 CFG
 lifetime=${KORVEL_ZK_LIFETIME:-600}
-# The JVM runs in the foreground of a shell of its own, which removes the
-# directory once it has ended, by `stop` or at the end of its lifetime.
+# The JVM runs under `timeout` in a shell of its own, which removes the
+# directory when the lifetime has run out (`stop` removes it itself).
 setsid bash -c '
   timeout "$1" java -Xmx256m -XX:+UseSerialGC -XX:TieredStopAtLevel=1 -XX:-UsePerfData \
     -Dzookeeper.log.dir="$2" -Dlog4j.configuration=file:/etc/zookeeper/conf_example/log4j.properties \
     -cp /etc/zookeeper/conf:/usr/share/java/zookeeper.jar \
     org.apache.zookeeper.server.ZooKeeperServerMain "$2/zoo.cfg" >"$2/server.log" 2>&1 &
   echo $! >"$2/pid"
-  wait
-  rm -rf "$2"' zk-local "$lifetime" "$dir" </dev/null >/dev/null 2>&1 &
+  wait $!
+  [ $? -ne 124 ] || rm -rf "$2"' zk-local "$lifetime" "$dir" </dev/null >/dev/null 2>&1 &
 for _ in $(seq 50); do [ -s "$dir/pid" ] && break; sleep 0.1; done
 
 for _ in $(seq 150); do
+  kill -0 "$(cat "$dir/pid")" 2>/dev/null || break  # ended at start
   reply=$( (exec 3<>"/dev/tcp/127.0.0.1/$port" && echo srvr >&3 && timeout 1 cat <&3) 2>/dev/null || true)
   if grep -q "Mode:" <<<"$reply"; then
     echo "127.0.0.1:$port"
