@@ -105,6 +105,7 @@ TEST_F(FaultEnsembleTest, StreamsAndRegistrationsSurviveKilledAndPausedMembers) 
       ++(ok ? reads.ok : reads.failed);
     }
   });
+  StopAndJoin joiner(stop, {&writer, &reader});
 
   const auto invariants = [&](const std::string& when) {
     EXPECT_TRUE(Progress(writes, reads)) << when;
@@ -138,9 +139,7 @@ TEST_F(FaultEnsembleTest, StreamsAndRegistrationsSurviveKilledAndPausedMembers) 
     invariants("round " + std::to_string(round) + ", member " + std::to_string(paused) +
                " resumed");
   }
-  stop = true;
-  writer.join();
-  reader.join();
+  joiner.Join();
 
   EXPECT_EQ(0, expiries->expiries.load()) << "sessions expired";
   EXPECT_EQ(0, probe.Late()) << "watch callbacks after their handle was gone";

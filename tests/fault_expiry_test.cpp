@@ -130,6 +130,7 @@ TEST_F(FaultExpiryTest, ExpiryAtEachRequestOfARegistration) {
       if (service) check.RemoveLive(id);
     }
   }
+  EXPECT_GT(returned + threw, 0) << "no expiry was injected";
   bystander.reset();
   EXPECT_EQ(std::vector<std::string>{}, check.DataNodes());
   EXPECT_EQ(std::vector<std::string>{}, check.LivenessNodes());

@@ -175,7 +175,8 @@ TEST_F(FaultInputTest, BadTypesAreRefused) {
                   {"/srv/alive/alive"})
                   .ok);
   EXPECT_EQ(ZOK, std::get<0>(watcher->List()));  // the fixture's watcher is unharmed
-  EXPECT_TRUE(RegistryCheck(conn, type).LivenessNodes().size() == 1);
+  EXPECT_EQ(std::vector<std::string>{RegistryCheck::Text(service->GetId())},
+            RegistryCheck(conn, type).LivenessNodes());
 }
 
 TEST_F(FaultInputTest, BadChildAndAttributeNamesAreRefused) {
@@ -286,7 +287,8 @@ TEST_F(FaultInputTest, BadPathsAndConnectStringsAreRefused) {
     });
     Run("Delete " + what, [&] { return conn->Delete(absolute, -1); });
   }
-  for (const std::string hosts : {"", ",", "127.0.0.1:1"}) {
+  const RefusingLoopbackPort nothing;
+  for (const std::string& hosts : {std::string(), std::string(","), nothing.ConnectString()}) {
     EXPECT_THROW({ Connection refused(hosts, 500ms); }, KorvelError) << hosts;
   }
 }

@@ -42,12 +42,13 @@ int main(int argc, char** argv) {
   int registered = 0, lost = 0, errors = 0;
   const auto checkLive = [&] {
     for (auto& instance : live) {
+      if (instance.czxid == -1) continue;  // counted once
       Stat stat{};
       const std::string& root = instance.service->GetRoot();
       if (conn->Exists(root, &stat) != ZOK || stat.czxid != instance.czxid ||
           conn->Exists(root + "/status", nullptr) != ZOK) {
         ++lost;
-        instance.czxid = -1;  // counted once
+        instance.czxid = -1;
       }
     }
   };

@@ -66,6 +66,9 @@ TEST_F(FaultStormTest, NoLiveInstanceLosesItsDataNode) {
       }
     });
   }
+  std::vector<std::thread*> readerThreads;
+  for (auto& reader : readers) readerThreads.push_back(&reader);
+  StopAndJoin joiner(stop, readerThreads);
   const auto start = std::chrono::steady_clock::now();
   for (auto& child : children) ASSERT_TRUE(child->SendLine("g"));
   int registered = 0, lost = 0, errors = 0;
@@ -81,8 +84,7 @@ TEST_F(FaultStormTest, NoLiveInstanceLosesItsDataNode) {
   }
   const auto seconds =
       std::chrono::duration_cast<std::chrono::seconds>(std::chrono::steady_clock::now() - start);
-  stop = true;
-  for (auto& reader : readers) reader.join();
+  joiner.Join();
 
   EXPECT_EQ(0, lost) << "live data nodes lost";
   EXPECT_EQ(0, errors) << "registrations that failed";

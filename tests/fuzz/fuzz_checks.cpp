@@ -159,8 +159,9 @@ std::ostream& operator<<(std::ostream& os, const Nested& nested) {
   return os;
 }
 
-// Applies one operation to `os`; `nested` (when not null) makes the nested
-// record, otherwise its text is appended to `expectedNested`.
+// Applies one operation to `os`; with `logging`, an operand that logs makes
+// its nested record, otherwise the text that record would have is appended to
+// `expectedNested`.
 void Apply(std::ostream& os, Reader& in, bool logging, std::vector<std::string>& expectedNested) {
   switch (in.Byte() % 11) {
     case 0:
@@ -291,8 +292,7 @@ std::string CheckRegistryPaths(std::string_view input) {
   // OldServiceWatcher: the liveness directory, and a query of attribute
   // `attribute` (a bare name, appended as it is) below child `child`.
   const std::string watched = "/srv/alive/" + type;
-  const std::string query =
-      "/srv/" + type + "/" + id + (normalChild.empty() ? "" : "/" + normalChild) + "/" + attribute;
+  const std::string query = root + (normalChild.empty() ? "" : "/" + normalChild) + "/" + attribute;
 
   const bool typeOk = ValidPart(type);
   const auto expect = [](const std::string& path, bool valid) {
@@ -307,14 +307,6 @@ std::string CheckRegistryPaths(std::string_view input) {
         expect(query, typeOk && (normalChild.empty() || ValidPart(normalChild)) &&
                           ValidPart(attribute))}) {
     if (!failure.empty()) return failure;
-  }
-  // Service refuses a type whose first component is "alive": the nodes of the
-  // types it accepts stay out of the liveness tree and under their own type.
-  const bool accepted = type != "alive" && type.rfind("alive/", 0) != 0;
-  if (accepted && typeOk) {
-    if (root.rfind("/srv/alive/", 0) == 0) return "data node in the liveness tree: " + Show(root);
-    if (attrPath.rfind(root + "/", 0) != 0)
-      return "attribute outside the data node: " + Show(attrPath);
   }
   return "";
 }

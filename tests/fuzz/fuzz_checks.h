@@ -25,9 +25,7 @@ std::string CheckServiceIdParse(std::string_view input);
 
 // The paths of registration and queries. The input holds a type, a child and
 // an attribute name separated by '\n'; they are joined the way Service and
-// OldServiceWatcher join them. Each path is valid exactly when its parts are,
-// and the nodes of an accepted type lie under /srv/<type>, outside the
-// liveness tree.
+// OldServiceWatcher join them. Each path is valid exactly when its parts are.
 std::string CheckRegistryPaths(std::string_view input);
 
 // The log facade: the input is read as a program of stream operations (text,

@@ -5,7 +5,6 @@
 
 #include <cstdlib>
 #include <iostream>
-#include <mutex>
 #include <thread>
 
 #include "stlext/uuid.h"
@@ -144,21 +143,23 @@ std::vector<std::string> RegistryCheck::Leftovers() const {
 }
 
 std::vector<std::string> RegistryCheck::DataNodes() const {
-  std::vector<std::string> children;
-  m_conn->GetChildren("/srv/" + m_type, children);
-  return children;
+  return Children("/srv/" + m_type);
 }
 
 std::vector<std::string> RegistryCheck::LivenessNodes() const {
+  return Children("/srv/alive/" + m_type);
+}
+
+std::vector<std::string> RegistryCheck::Children(const std::string& path) const {
   std::vector<std::string> children;
-  m_conn->GetChildren("/srv/alive/" + m_type, children);
+  const int rc = m_conn->GetChildren(path, children);
+  if (rc != ZOK && rc != ZNONODE) return {std::string("listing failed: ") + zerror(rc)};
   return children;
 }
 
 LateCallbackProbe::Watch LateCallbackProbe::Make() {
   auto gone = std::make_shared<std::atomic<bool>>(false);
-  return {[gone, late = m_late, calls = m_calls](int, int, std::string) {
-            ++*calls;
+  return {[gone, late = m_late](int, int, std::string) {
             if (gone->load()) ++*late;
           },
           gone};

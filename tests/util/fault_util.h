@@ -11,6 +11,7 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -86,17 +87,43 @@ class RegistryCheck {
   std::vector<std::string> LiveProblems() const;
   // The crashed instances whose data node is still there.
   std::vector<std::string> Leftovers() const;
-  // The data nodes and liveness nodes of the type.
+  // The data nodes and liveness nodes of the type; a failed listing gives
+  // one entry that says so, never an empty list.
   std::vector<std::string> DataNodes() const;
   std::vector<std::string> LivenessNodes() const;
 
   static std::string Text(const qx::korvel::ServiceId& id);
 
  private:
+  std::vector<std::string> Children(const std::string& path) const;
+
   std::shared_ptr<qx::korvel::Connection> m_conn;
   std::string m_type;
   std::map<std::string, int64_t> m_live;  // id -> czxid of its data node
   std::set<std::string> m_crashed;
+};
+
+// Sets `stop` and joins the threads, at the latest when it goes: also when an
+// assertion or exception ends the test early (a joinable thread destroyed
+// would end the process instead of reporting the failure).
+class StopAndJoin {
+ public:
+  StopAndJoin(std::atomic<bool>& stop, std::vector<std::thread*> threads)
+      : m_stop(stop), m_threads(std::move(threads)) {}
+  ~StopAndJoin() { Join(); }
+  StopAndJoin(const StopAndJoin&) = delete;
+  StopAndJoin& operator=(const StopAndJoin&) = delete;
+
+  void Join() {
+    m_stop = true;
+    for (std::thread* thread : m_threads) {
+      if (thread->joinable()) thread->join();
+    }
+  }
+
+ private:
+  std::atomic<bool>& m_stop;
+  std::vector<std::thread*> m_threads;
 };
 
 // Counts the calls of watch callbacks that start after their handle is gone.
@@ -116,11 +143,9 @@ class LateCallbackProbe {
   };
   Watch Make();
   int Late() const { return m_late->load(); }
-  int Calls() const { return m_calls->load(); }
 
  private:
   std::shared_ptr<std::atomic<int>> m_late = std::make_shared<std::atomic<int>>(0);
-  std::shared_ptr<std::atomic<int>> m_calls = std::make_shared<std::atomic<int>>(0);
 };
 
 // A fault injector that, at the `nth` request (1-based) of `conn` matching
