@@ -100,6 +100,10 @@ class Registered {
   // Sends a stdin command and returns its answer line.
   std::string Command(const std::string& command) {
     m_process.SendLine(command);
+    return WaitForAnswer();
+  }
+  // The next line that answers a command.
+  std::string WaitForAnswer() {
     return WaitForLine([](const std::string& line) {
       return StartsWith(line, "ok") || StartsWith(line, "error");
     });
@@ -404,9 +408,7 @@ TEST(CliTest, RegisterRunsALastCommandWithoutItsNewline) {
   ASSERT_EQ(36u, instance.Id().size()) << instance.Stderr();
   instance.Process().Send("status up");
   instance.Process().CloseStdin();
-  EXPECT_EQ("ok status up", instance.WaitForLine([](const std::string& line) {
-    return StartsWith(line, "ok") || StartsWith(line, "error");
-  }));
+  EXPECT_EQ("ok status up", instance.WaitForAnswer());
 }
 
 TEST(CliTest, AnEmptyOrUnknownLogLevelInTheEnvironmentMeansWarning) {

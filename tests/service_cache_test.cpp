@@ -31,6 +31,10 @@ using Type = ServiceCacheEvent::Type;
 using Attributes = std::map<std::string, std::string>;
 using Model = std::map<ServiceId, Attributes>;
 
+// The attributes an instance publishes about itself.
+const std::vector<std::string> kOwnAttributes{"status",     "service_name",     "hostname", "pid",
+                                              "start_time", "chef_recipe_name", "version"};
+
 // Collects the events a cache reports and keeps a model of the instances
 // built from nothing but those events.
 class Recorder {
@@ -115,8 +119,7 @@ Model ReadTree(Connection& conn, const std::string& type) {
   for (const auto& name : alive) {
     const ServiceId id = boost::lexical_cast<ServiceId>(name);
     Attributes& attributes = model[id];
-    for (const char* attribute : {"status", "service_name", "hostname", "pid", "start_time",
-                                  "chef_recipe_name", "version"}) {
+    for (const std::string& attribute : kOwnAttributes) {
       std::string value;
       if (conn.Get("/srv/" + type + "/" + name + "/" + attribute, value, nullptr) == ZOK) {
         attributes[attribute] = value;
@@ -356,9 +359,7 @@ TEST_F(ServiceCacheTest, ReadsAFinishedRegistrationOnceAndAnUnfinishedOneOnceMor
 }
 
 TEST_F(ServiceCacheTest, DestroyedOnTheEventThreadWhileItReads) {
-  const std::vector<std::string> all{"status",     "service_name",     "hostname", "pid",
-                                     "start_time", "chef_recipe_name", "version"};
-  for (int i = 0; i < 300; ++i) Publish(all);
+  for (int i = 0; i < 300; ++i) Publish(kOwnAttributes);
   auto readerConn = Connect(SharedServer().ConnectString());
   auto cache = std::make_unique<ServiceCache>(readerConn, type);
   const std::string trigger = "/" + type + "-trigger";

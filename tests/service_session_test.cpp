@@ -92,6 +92,7 @@ TEST_F(ServiceSessionTest, RegistersAgainWhileAnotherThreadPublishes) {
       ++published;
     }
   });
+  WaitUntil([&] { return published > 0; }, 5000ms);  // publishing before registering again
   for (int i = 0; i < 3; ++i) {
     Deliver(*service, ZOO_SESSION_EVENT, ZOO_EXPIRED_SESSION_STATE);
     Deliver(*service, ZOO_SESSION_EVENT, ZOO_CONNECTED_STATE);
