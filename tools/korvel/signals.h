@@ -4,8 +4,9 @@
 
 namespace korvel::cli {
 
-// Blocks SIGINT and SIGTERM and starts a thread that waits for them with sigwait and records the
-// first one. Call once, before any other thread starts, so that every thread inherits the mask.
+// Blocks SIGINT and SIGTERM and starts a thread that waits for them with sigwait: it records the
+// first one, and a second one ends the process at once with exit code 128 + its number. Call once,
+// before any other thread starts, so that every thread inherits the mask.
 void WatchStopSignals();
 
 // 0 until SIGINT or SIGTERM arrived, then that signal's number.

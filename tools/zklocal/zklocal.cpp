@@ -283,24 +283,9 @@ class ServerNode {
     if (!Alive()) throw std::logic_error("cannot pause a ZooKeeper server that is not running");
     kill(pid_, SIGSTOP);
     paused_ = true;
-    // The signal stops the JVM's threads one by one: wait until none runs, so
-    // that the server answers nothing once Pause returns.
+    // The signal stops the JVM's threads one by one: wait (bounded) until none
+    // runs, so that the server answers nothing once Pause returns.
     WaitUntil([this] { return AllThreadsStopped(); }, kStopTimeout);
-  }
-  bool AllThreadsStopped() const {
-    const std::string tasks = "/proc/" + std::to_string(pid_) + "/task";
-    std::error_code error;
-    for (const auto& task : std::filesystem::directory_iterator(tasks, error)) {
-      std::ifstream stat(task.path() / "stat");
-      std::string line;
-      std::getline(stat, line);
-      // "pid (comm) STATE ...": the state follows the last ')'.
-      const auto close = line.rfind(')');
-      if (close == std::string::npos || close + 2 >= line.size()) continue;
-      const char state = line[close + 2];
-      if (state != 'T' && state != 't') return false;
-    }
-    return !error;
   }
   void Resume() {
     if (!Alive() || !paused_) return;
@@ -330,6 +315,23 @@ class ServerNode {
   }
 
  private:
+  // Whether every thread of the JVM is stopped (SIGSTOP reaches them one by one).
+  bool AllThreadsStopped() const {
+    const std::string tasks = "/proc/" + std::to_string(pid_) + "/task";
+    std::error_code error;
+    for (const auto& task : fs::directory_iterator(tasks, error)) {
+      std::ifstream stat(task.path() / "stat");
+      std::string line;
+      std::getline(stat, line);
+      // "pid (comm) STATE ...": the state follows the last ')'.
+      const auto close = line.rfind(')');
+      if (close == std::string::npos || close + 2 >= line.size()) continue;
+      const char state = line[close + 2];
+      if (state != 'T' && state != 't') return false;
+    }
+    return !error;
+  }
+
   const int server_id_;
   const int tick_ms_;
   const Jit jit_;
