@@ -28,14 +28,6 @@ class EnsembleTest : public ::testing::Test {
 
 ZooKeeperEnsemble* EnsembleTest::ensemble = nullptr;
 
-class ExpiryCounter : public qx::korvel::ConnectionObserver {
- public:
-  void OnSessionEvent(int, int state, std::string) override {
-    if (state == ZOO_EXPIRED_SESSION_STATE) expiries++;
-  }
-  std::atomic<int> expiries{0};
-};
-
 TEST_F(EnsembleTest, SessionSurvivesTheLossOfAnyMember) {
   auto conn = Connect(ensemble->ConnectString(), 6000ms);
   auto counter = std::make_shared<ExpiryCounter>();
@@ -45,11 +37,8 @@ TEST_F(EnsembleTest, SessionSurvivesTheLossOfAnyMember) {
   ASSERT_EQ(ZOK, conn->Create(node, "0", ZOO_OPEN_ACL_UNSAFE, ZOO_EPHEMERAL, nullptr));
 
   // The leader first, then each other member in turn.
-  std::vector<int> order{ensemble->Leader()};
-  ASSERT_GE(order[0], 0);
-  for (int i = 0; i < ensemble->Size(); ++i) {
-    if (i != order[0]) order.push_back(i);
-  }
+  const std::vector<int> order = MembersLeaderFirst(*ensemble);
+  ASSERT_FALSE(order.empty()) << "no leader";
   int round = 0;
   for (int member : order) {
     ensemble->Stop(member);
@@ -113,11 +102,8 @@ TEST_F(EnsembleTest, ServiceStaysListedThroughTheLossOfAnyMember) {
   qx::korvel::OldServiceWatcher watcher(reader, type);
   const auto session = conn->ClientId().client_id;
 
-  std::vector<int> order{ensemble->Leader()};
-  ASSERT_GE(order[0], 0);
-  for (int i = 0; i < ensemble->Size(); ++i) {
-    if (i != order[0]) order.push_back(i);
-  }
+  const std::vector<int> order = MembersLeaderFirst(*ensemble);
+  ASSERT_FALSE(order.empty()) << "no leader";
   for (int member : order) {
     ensemble->Stop(member);
     const auto status =
@@ -181,11 +167,8 @@ TEST_F(EnsembleTest, CacheFollowsChangesThroughFailover) {
   cache.Start();
   ASSERT_TRUE(cache.WaitUntilCurrent(20000ms));
 
-  std::vector<int> order{ensemble->Leader()};
-  ASSERT_GE(order[0], 0);
-  for (int i = 0; i < ensemble->Size(); ++i) {
-    if (i != order[0]) order.push_back(i);
-  }
+  const std::vector<int> order = MembersLeaderFirst(*ensemble);
+  ASSERT_FALSE(order.empty()) << "no leader";
   std::vector<std::shared_ptr<qx::korvel::Service>> added;
   for (int member : order) {
     ensemble->Stop(member);

@@ -24,14 +24,6 @@ constexpr auto kSessionTimeout = 8000ms;
 constexpr int kServices = 3;
 constexpr auto kPause = 3000ms;
 
-class ExpiryCounter : public qx::korvel::ConnectionObserver {
- public:
-  void OnSessionEvent(int, int state, std::string) override {
-    expiries += state == ZOO_EXPIRED_SESSION_STATE;
-  }
-  std::atomic<int> expiries{0};
-};
-
 // Successful and failed operations of one stream.
 struct Stream {
   std::atomic<long> ok{0};
@@ -115,11 +107,8 @@ TEST_F(FaultEnsembleTest, StreamsAndRegistrationsSurviveKilledAndPausedMembers) 
   };
   int kills = 0, pauses = 0;
   for (int round = 0; round < FaultRounds(2) && !HasFailure(); ++round) {
-    std::vector<int> order{ensemble->Leader()};
-    ASSERT_GE(order[0], 0);
-    for (int i = 0; i < ensemble->Size(); ++i) {
-      if (i != order[0]) order.push_back(i);
-    }
+    const std::vector<int> order = MembersLeaderFirst(*ensemble);
+    ASSERT_FALSE(order.empty()) << "no leader";
     for (int member : order) {
       const std::string when = "round " + std::to_string(round) + ", member " +
                                std::to_string(member) + (member == order[0] ? " (leader)" : "");

@@ -17,6 +17,16 @@ std::shared_ptr<qx::korvel::Connection> Connect(const std::string& hosts,
   return std::make_shared<qx::korvel::Connection>(hosts, timeout);
 }
 
+std::vector<int> MembersLeaderFirst(const ZooKeeperEnsemble& ensemble) {
+  const int leader = ensemble.Leader();
+  if (leader < 0) return {};
+  std::vector<int> order{leader};
+  for (int i = 0; i < ensemble.Size(); ++i) {
+    if (i != leader) order.push_back(i);
+  }
+  return order;
+}
+
 std::string SiblingProgram(const std::string& name) {
   char exe[4096];
   const ssize_t n = readlink("/proc/self/exe", exe, sizeof exe);

@@ -2,6 +2,7 @@
 // thread, except LogCapture, which records from any thread.
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <memory>
@@ -32,6 +33,18 @@ ZooKeeperServer& SharedServer();
 // A connection to `hosts` with a session timeout short enough for tests.
 std::shared_ptr<qx::korvel::Connection> Connect(const std::string& hosts,
                                                 std::chrono::milliseconds timeout = 4000ms);
+
+// The members of `ensemble`, its leader first; empty when it has no leader.
+std::vector<int> MembersLeaderFirst(const ZooKeeperEnsemble& ensemble);
+
+// Counts the session expiries of the connection it observes (any thread).
+class ExpiryCounter : public qx::korvel::ConnectionObserver {
+ public:
+  void OnSessionEvent(int, int state, std::string) override {
+    expiries += state == ZOO_EXPIRED_SESSION_STATE;
+  }
+  std::atomic<int> expiries{0};
+};
 
 // The path of the executable `name` beside this test binary.
 std::string SiblingProgram(const std::string& name);
