@@ -115,6 +115,17 @@ TEST(LevelNameTest, Values) {
   EXPECT_STREQ(LevelName(static_cast<LogLevel>(5)), "UNKNOWN");
 }
 
+TEST(LevelNamedTest, NamesInAnyCaseAndNothingElse) {
+  EXPECT_EQ(QXLOG_DEBUG, LevelNamed("debug"));
+  EXPECT_EQ(QXLOG_INFO, LevelNamed("Info"));
+  EXPECT_EQ(QXLOG_WARNING, LevelNamed("WARNING"));
+  EXPECT_EQ(QXLOG_ERROR, LevelNamed("error"));
+  EXPECT_EQ(QXLOG_CRITICAL, LevelNamed("critical"));
+  EXPECT_EQ(std::nullopt, LevelNamed(""));
+  EXPECT_EQ(std::nullopt, LevelNamed("loud"));
+  EXPECT_EQ(std::nullopt, LevelNamed("warn"));
+}
+
 // -------------------------------------------------- the per-thread stream
 
 TEST_F(LoggerTest, ConsecutiveRecordsDoNotShareText) {

@@ -4,10 +4,7 @@
 // Exit codes: 0 success, 1 failure (one line on stderr naming it), 2 usage error.
 #include <logger/logger.h>
 
-#include <strings.h>
-
 #include <CLI/CLI.hpp>
-#include <algorithm>
 #include <cstdlib>
 #include <iostream>
 #include <map>
@@ -25,9 +22,7 @@ const std::map<std::string, qx::logging::LogLevel> kLogLevels = {
 // True when KORVEL_LOG_LEVEL names a level, which the library then started with.
 bool EnvironmentNamesALogLevel() {
   const char* text = std::getenv("KORVEL_LOG_LEVEL");
-  return text != nullptr &&
-         std::any_of(kLogLevels.begin(), kLogLevels.end(),
-                     [&](const auto& level) { return strcasecmp(text, level.first.c_str()) == 0; });
+  return text != nullptr && qx::logging::LevelNamed(text).has_value();
 }
 
 // Checks a value with `parse`, which returns nullopt for a bad one; `name` says what it should be.

@@ -17,14 +17,7 @@ namespace {
 LogLevel LevelFromEnvironment() {
   const char* text = std::getenv("KORVEL_LOG_LEVEL");
   if (text == nullptr || *text == '\0') return QXLOG_INFO;
-  static const std::pair<const char*, LogLevel> kNames[] = {{"debug", QXLOG_DEBUG},
-                                                            {"info", QXLOG_INFO},
-                                                            {"warning", QXLOG_WARNING},
-                                                            {"error", QXLOG_ERROR},
-                                                            {"critical", QXLOG_CRITICAL}};
-  for (const auto& [name, level] : kNames) {
-    if (strcasecmp(text, name) == 0) return level;
-  }
+  if (const auto level = LevelNamed(text)) return *level;
   std::fprintf(stderr,
                "korvel: ignoring KORVEL_LOG_LEVEL=%s (expected debug, info, warning, error or "
                "critical)\n",
@@ -119,6 +112,18 @@ void SetMinimumLoggingLevel(LogLevel level) {
 
 LogLevel GetMinimumLoggingLevel() {
   return g_minLogLevel.load();
+}
+
+std::optional<LogLevel> LevelNamed(const char* name) {
+  constexpr std::pair<const char*, LogLevel> kNames[] = {{"debug", QXLOG_DEBUG},
+                                                         {"info", QXLOG_INFO},
+                                                         {"warning", QXLOG_WARNING},
+                                                         {"error", QXLOG_ERROR},
+                                                         {"critical", QXLOG_CRITICAL}};
+  for (const auto& [levelName, level] : kNames) {
+    if (strcasecmp(name, levelName) == 0) return level;
+  }
+  return std::nullopt;
 }
 
 int AddLogHandler(LogHandler handler) {

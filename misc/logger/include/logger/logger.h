@@ -103,6 +103,10 @@ extern std::atomic<LogLevel> g_minLogLevel;
 void SetMinimumLoggingLevel(LogLevel level);
 LogLevel GetMinimumLoggingLevel();
 
+// The level that `name` names (debug, info, warning, error, critical, in any
+// case), or nothing. Any thread.
+std::optional<LogLevel> LevelNamed(const char* name);
+
 // Adds a handler and returns its id for `RemoveLogHandler`. While no handler
 // is added, records go to a default handler that writes one line per record
 // to stderr. A handler that throws loses that record; the others still get it.
