@@ -70,15 +70,9 @@ void WriteMarkdown(const std::vector<Row>& rows, const json& machine, const std:
   out << "| workload | korvel | floor | ratio | throughput | goal | met |\n"
       << "| --- | ---: | ---: | ---: | ---: | --- | --- |\n";
   for (const Row& row : rows) {
-    out << "| " << row.workload << " | " << Figure(row.korvel) << " " << row.unit << " | "
-        << (row.floor > 0 ? Figure(row.floor) + " " + row.unit : "-") << " | "
-        << (row.floor > 0 ? Figure(row.Ratio()) : "-") << " | "
-        << (row.throughput > 0 ? Figure(row.throughput) + " " + row.throughputUnit : "-") << " | "
-        << (row.goal.text.empty() ? "-" : row.goal.text) << " | "
-        << (row.goal.kind == Goal::kNone ? "-"
-            : row.Met()                  ? "yes"
-                                         : "**no**")
-        << " |\n";
+    out << "| " << row.workload << " | ";
+    for (const std::string& cell : Cells(row)) out << cell << " | ";
+    out << MetCell(row, "yes", "**no**") << " |\n";
   }
   out << "\n";
   for (const Row& row : rows) {

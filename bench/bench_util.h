@@ -243,19 +243,28 @@ inline std::string Figure(double value) {
   return text;
 }
 
+// The cells of a row's korvel figure, floor, ratio, throughput and goal.
+inline std::array<std::string, 5> Cells(const Row& row) {
+  return {Figure(row.korvel) + " " + row.unit,
+          row.floor > 0 ? Figure(row.floor) + " " + row.unit : "-",
+          row.floor > 0 ? Figure(row.Ratio()) : "-",
+          row.throughput > 0 ? Figure(row.throughput) + " " + row.throughputUnit : "-",
+          row.goal.text.empty() ? "-" : row.goal.text};
+}
+
+// "-" without a goal, else `yes` or `no` as the goal is met.
+inline const char* MetCell(const Row& row, const char* yes, const char* no) {
+  return row.goal.kind == Goal::kNone ? "-" : row.Met() ? yes : no;
+}
+
 inline void PrintTable(const std::vector<Row>& rows) {
   std::printf("%-48s %13s %13s %6s %16s %13s %4s\n", "workload", "korvel", "floor", "ratio",
               "throughput", "goal", "met");
   for (const Row& row : rows) {
-    const std::string korvel = Figure(row.korvel) + " " + row.unit;
-    const std::string floor = row.floor > 0 ? Figure(row.floor) + " " + row.unit : "-";
-    const std::string ratio = row.floor > 0 ? Figure(row.Ratio()) : "-";
-    const std::string rate =
-        row.throughput > 0 ? Figure(row.throughput) + " " + row.throughputUnit : "-";
-    const char* met = row.goal.kind == Goal::kNone ? "-" : row.Met() ? "yes" : "NO";
-    std::printf("%-48s %13s %13s %6s %16s %13s %4s\n", row.workload.c_str(), korvel.c_str(),
-                floor.c_str(), ratio.c_str(), rate.c_str(),
-                row.goal.text.empty() ? "-" : row.goal.text.c_str(), met);
+    const auto cells = Cells(row);
+    std::printf("%-48s %13s %13s %6s %16s %13s %4s\n", row.workload.c_str(), cells[0].c_str(),
+                cells[1].c_str(), cells[2].c_str(), cells[3].c_str(), cells[4].c_str(),
+                MetCell(row, "yes", "NO"));
   }
   for (const Row& row : rows) {
     if (!row.note.empty()) std::printf("  %s: %s\n", row.workload.c_str(), row.note.c_str());

@@ -247,43 +247,33 @@ int main(int argc, char** argv) {
     }
     ++made;
   };
-  auto add = Interleave(
-      addRounds, 2,
-      [&] {
-        settle();
-        return AddLatency(*writer, small, cacheArm);
-      },
-      [&] {
-        settle();
-        return AddLatency(*writer, small, childWatch);
-      });
+  // One round: the cache idle, then an instance added, seen by `arm`'s way.
+  const auto round = [&](auto arm, std::function<void()> then = nullptr) {
+    return [&, arm, then] {
+      settle();
+      return AddLatency(*writer, small, arm, then);
+    };
+  };
+  auto add = Interleave(addRounds, 2, round(cacheArm), round(childWatch));
   // The same requests as the cache makes for an addition: after the child
   // watch, on another thread (here the waiting one), the listing and the new
   // instance's reads.
   std::set<std::string> known;
   auto addSame = Interleave(
-      addRounds, 0,
-      [&] {
-        settle();
-        return AddLatency(*writer, small, cacheArm);
-      },
-      [&] {
-        settle();
-        return AddLatency(
-            *writer, small,
-            [&](Moment* seen, const std::string& id) {
-              const auto names = RawList(raw, small);
-              known = std::set<std::string>(names.begin(), names.end());
-              childWatch(seen, id);
-            },
-            [&] {
-              std::vector<std::string> added;
-              for (const std::string& name : RawList(raw, small)) {
-                if (known.count(name) == 0) added.push_back(name);
-              }
-              RawReadAll(raw, small, added, {std::begin(kAttributes), std::end(kAttributes)});
-            });
-      });
+      addRounds, 0, round(cacheArm),
+      round(
+          [&](Moment* seen, const std::string& id) {
+            const auto names = RawList(raw, small);
+            known = std::set<std::string>(names.begin(), names.end());
+            childWatch(seen, id);
+          },
+          [&] {
+            std::vector<std::string> added;
+            for (const std::string& name : RawList(raw, small)) {
+              if (known.count(name) == 0) added.push_back(name);
+            }
+            RawReadAll(raw, small, added, {std::begin(kAttributes), std::end(kAttributes)});
+          }));
 
   for (const std::string& name : {type, small}) {
     qx::korvel::RecursiveDelete(*conn, "/srv/" + name);
