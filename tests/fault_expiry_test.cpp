@@ -44,15 +44,7 @@ class FaultExpiryTest : public LeakCheckedTest {
   // Waits until `service` is registered under the current session of its
   // connection: liveness node and start time owned by it.
   bool RegisteredUnderCurrentSession(const Service& service) {
-    const auto& conn = service.GetConnection();
-    const std::string alive = "/srv/alive/" + type + "/" + RegistryCheck::Text(service.GetId());
-    return WaitUntil(
-        [&] {
-          const int64_t session = conn->ClientId().client_id;
-          return EphemeralOwner(*conn, alive) == session &&
-                 EphemeralOwner(*conn, service.GetRoot() + "/start_time") == session;
-        },
-        20000ms);
+    return WaitUntil([&] { return OwnedByCurrentSession(service, type); }, 20000ms);
   }
 
   std::string hosts;
@@ -218,10 +210,9 @@ TEST_F(FaultExpiryTest, ExpiryDuringDestruction) {
       service->RegisterForSessionEvent();
       const ServiceId id = service->GetId();
       service->SetChildAttribute("app", "port", "80");
-      const std::string suffix = point.suffix == "alive"
-                                     ? "/srv/alive/" + type + "/" + RegistryCheck::Text(id)
-                                 : point.suffix.empty() ? service->GetRoot()
-                                                        : point.suffix;
+      const std::string suffix = point.suffix == "alive" ? AlivePath(type, id)
+                                 : point.suffix.empty()  ? service->GetRoot()
+                                                         : point.suffix;
       const int64_t old = conn->ClientId().client_id;
       const auto fired = ExpireAt(conn, 1, point.op, suffix);
       service.reset();  // never throws
@@ -233,7 +224,7 @@ TEST_F(FaultExpiryTest, ExpiryDuringDestruction) {
       // The destroyed service does not register again; the next registration
       // removes what its teardown left.
       std::this_thread::sleep_for(200ms);
-      EXPECT_FALSE(NodeExists(*conn, "/srv/alive/" + type + "/" + RegistryCheck::Text(id)));
+      EXPECT_FALSE(NodeExists(*conn, AlivePath(type, id)));
       Service next(conn, type, "next");
       EXPECT_EQ(std::vector<std::string>{}, check.Leftovers()) << point.what;
     }

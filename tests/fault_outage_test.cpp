@@ -41,11 +41,8 @@ class FaultOutageTest : public LeakCheckedTest {
   // Whether `entry` is registered under its connection's current session.
   static bool UnderCurrentSession(const Registered& entry) {
     const auto& conn = entry.service->GetConnection();
-    const int64_t session = conn->ClientId().client_id;
-    const std::string alive =
-        "/srv/alive/" + entry.type + "/" + RegistryCheck::Text(entry.service->GetId());
-    return conn->State() == ZOO_CONNECTED_STATE && EphemeralOwner(*conn, alive) == session &&
-           EphemeralOwner(*conn, entry.service->GetRoot() + "/start_time") == session &&
+    return conn->State() == ZOO_CONNECTED_STATE &&
+           OwnedByCurrentSession(*entry.service, entry.type) &&
            NodeExists(*conn, entry.service->GetRoot() + "/status");
   }
 };

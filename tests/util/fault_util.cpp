@@ -184,6 +184,17 @@ qx::korvel::Connection::FaultInjector ExpireAtRequest(
   };
 }
 
+std::string AlivePath(const std::string& type, const qx::korvel::ServiceId& id) {
+  return "/srv/alive/" + type + "/" + RegistryCheck::Text(id);
+}
+
+bool OwnedByCurrentSession(const qx::korvel::Service& service, const std::string& type) {
+  const auto& conn = service.GetConnection();
+  const int64_t session = conn->ClientId().client_id;
+  return EphemeralOwner(*conn, AlivePath(type, service.GetId())) == session &&
+         EphemeralOwner(*conn, service.GetRoot() + "/start_time") == session;
+}
+
 bool WaitForNewSession(const qx::korvel::Connection& conn, int64_t old,
                        std::chrono::milliseconds timeout) {
   return WaitUntil(

@@ -157,6 +157,13 @@ qx::korvel::Connection::FaultInjector ExpireAtRequest(
     std::shared_ptr<std::atomic<bool>> fired,
     std::optional<qx::korvel::Connection::Operation> op = std::nullopt, std::string suffix = "");
 
+// The liveness node of instance `id` of `type`.
+std::string AlivePath(const std::string& type, const qx::korvel::ServiceId& id);
+
+// Whether the liveness node and the start time of `service` (of `type`)
+// belong to its connection's current session.
+bool OwnedByCurrentSession(const qx::korvel::Service& service, const std::string& type);
+
 // Waits until `conn` has a session other than `old` and is connected.
 bool WaitForNewSession(const qx::korvel::Connection& conn, int64_t old,
                        std::chrono::milliseconds timeout = 20000ms);
