@@ -13,6 +13,7 @@
 #include <boost/uuid/uuid_io.hpp>
 
 #include "korvel/error.h"
+#include "korvel/tree.h"
 #include "korvel/utils.h"
 #include "logger/logger.h"
 #include "stlext/uuid.h"
@@ -30,17 +31,6 @@ constexpr int kRegistrationAttempts = 3;
 
 // Leftovers of crashed instances deleted together.
 constexpr std::size_t kCleanupBatch = 256;
-
-constexpr char kRootPath[] = "/srv/";
-constexpr char kAlivePath[] = "/srv/alive/";
-
-// The type "alive" and the types below it ("alive/x") would mix data nodes
-// with liveness nodes, and their cleanup would delete liveness directories.
-void RequireRegistrableType(const String& stype) {
-  if (stype == "alive" || stype.rfind("alive/", 0) == 0) {
-    throw KorvelError("application cannot be named 'alive'");
-  }
-}
 
 // A registration after an expiry builds the same paths again while other
 // threads read them (SetStatus, child records): only a first registration
@@ -123,21 +113,20 @@ void Service::Init() {
 }
 
 void Service::Register() {
-  const String stype = NormalizePath(m_stype);
-  RequireRegistrableType(stype);
+  const String stype = tree::RegistrableType(m_stype);
   const String uuidStr = uuid::to_string(m_uuid);
   QXLOG(g_log, QXLOG_INFO) << "Initializing Korvel Service: " << uuidStr;
 
   // The liveness node stands before the cleanup looks for data nodes without
   // one, so that this instance's own data node is never taken for a leftover.
-  SetPath(m_alive, kAlivePath + stype + "/" + uuidStr);
+  SetPath(m_alive, tree::AlivePath(stype, m_uuid));
   EnsurePath(*m_conn, m_alive, true, ZOO_OPEN_ACL_UNSAFE);
   CleanupCrashedApps(stype);
-  SetPath(m_root, kRootPath + stype + "/" + uuidStr);
+  SetPath(m_root, tree::DataPath(stype, m_uuid));
   EnsurePath(*m_conn, m_root, false, ZOO_OPEN_ACL_UNSAFE);
 
-  CreateOrSet(m_root + "/status", StatusToString(DOWN));
-  if (!m_name.empty()) CreateOrSet(m_root + "/service_name", m_name);
+  CreateOrSet(tree::OwnAttributePath(m_root, tree::kStatus), StatusToString(DOWN));
+  if (!m_name.empty()) CreateOrSet(tree::OwnAttributePath(m_root, tree::kServiceName), m_name);
 
   char buf[1024];
   buf[1023] = '\0';
@@ -152,20 +141,15 @@ void Service::Register() {
   }
   String hostName(buf);
   boost::algorithm::trim(hostName);
-  CreateOrSet(m_root + "/hostname", hostName);
+  CreateOrSet(tree::OwnAttributePath(m_root, tree::kHostname), hostName);
 
   char pid[16];
   std::snprintf(pid, sizeof pid, "%d", static_cast<int>(getpid()));
-  CreateOrSet(m_root + "/pid", pid);
+  CreateOrSet(tree::OwnAttributePath(m_root, tree::kPid), pid);
 
-  // "%u" is the ISO weekday (1 = Monday ... 7 = Sunday), not a fraction.
-  char startTimeBuf[64];
   std::time_t rawtime;
   std::time(&rawtime);
-  std::tm ptm{};
-  gmtime_r(&rawtime, &ptm);  // registrations run on several threads at once
-  std::strftime(startTimeBuf, sizeof startTimeBuf, "%Y-%m-%d %H:%M:%S.%u", &ptm);
-  CreateOrSet(m_root + "/start_time", startTimeBuf);
+  CreateOrSet(tree::OwnAttributePath(m_root, tree::kStartTime), tree::StartTimeText(rawtime));
 
   // The recipe name and the version may stand in files beside the directory
   // of the executable.
@@ -187,15 +171,17 @@ void Service::Register() {
     if (stream.good()) std::getline(stream, out);
   };
   if (const char* chef_recipe_name_from_env = std::getenv("CHEF_RECIPE_NAME")) {
-    CreateOrSet(m_root + "/chef_recipe_name", chef_recipe_name_from_env);
+    CreateOrSet(tree::OwnAttributePath(m_root, tree::kRecipeName), chef_recipe_name_from_env);
   } else {
     String chef_recipe_name;
     get_from_file(String(path) + "/../CHEF_RECIPE_NAME", chef_recipe_name);
-    if (!chef_recipe_name.empty()) CreateOrSet(m_root + "/chef_recipe_name", chef_recipe_name);
+    if (!chef_recipe_name.empty()) {
+      CreateOrSet(tree::OwnAttributePath(m_root, tree::kRecipeName), chef_recipe_name);
+    }
   }
   String version;
   get_from_file(String(path) + "/../CHEF_VERSION", version);
-  if (!version.empty()) CreateOrSet(m_root + "/version", version);
+  if (!version.empty()) CreateOrSet(tree::OwnAttributePath(m_root, tree::kVersion), version);
 }
 
 void Service::CreateOrSet(const String& path, const String& value) {
@@ -218,29 +204,26 @@ void Service::SetStatus(Status status) {
 }
 
 void Service::SetStatusInternal(Status status, String path) {
-  const int result = m_conn->Set(path + "/status", StatusToString(status), -1);
+  const int result =
+      m_conn->Set(tree::OwnAttributePath(path, tree::kStatus), StatusToString(status), -1);
   if (result == ZOK) return;
   QXLOG(g_log, QXLOG_ERROR) << "Failed to create status node: " << zerror(result);
   throw KorvelError("Failed to create status node");
 }
 
 void Service::SetChildStatus(Status status, String childPath) {
-  SetChildAttribute(std::move(childPath), "status", StatusToString(status));
+  SetChildAttribute(std::move(childPath), tree::kOwnAttributeNames[tree::kStatus],
+                    StatusToString(status));
 }
 
 void Service::SetChildAttribute(String childPath, String attribute, String value) {
-  attribute = NormalizePath(std::move(attribute));
-  String attrPath;
-  if (childPath == "/") {
-    attrPath = m_root + "/" + attribute;
-  } else {
-    childPath = NormalizePath(std::move(childPath));
-    attrPath = m_root + "/" + childPath + "/" + attribute;
-  }
+  const bool own = childPath == "/";
+  const String node = own ? m_root : tree::Below(m_root, childPath);
+  const String attrPath = tree::Below(node, attribute);
   // Update first: an attribute that exists costs one request.
   int result = m_conn->Set(attrPath, value, -1);
   if (result == ZNONODE) {
-    if (childPath != "/") EnsurePath(*m_conn, m_root + "/" + childPath, false, ZOO_OPEN_ACL_UNSAFE);
+    if (!own) EnsurePath(*m_conn, node, false, ZOO_OPEN_ACL_UNSAFE);
     result = m_conn->Create(attrPath, value, ZOO_OPEN_ACL_UNSAFE, 0, nullptr);
   }
   if (result == ZOK) return;
@@ -250,7 +233,7 @@ void Service::SetChildAttribute(String childPath, String attribute, String value
 
 void Service::RemoveChild(String childPath, bool ignoreNonExistent) {
   childPath = NormalizePath(std::move(childPath));
-  const String node = m_root + "/" + childPath;
+  const String node = tree::Below(m_root, childPath);
   QXLOG(g_log, QXLOG_DEBUG) << "Removing zookeeper node: " << m_root << "/" << childPath;
   std::vector<String> children;
   m_conn->GetChildren(node, children);
@@ -263,13 +246,13 @@ void Service::RemoveChild(String childPath, bool ignoreNonExistent) {
 }
 
 void Service::CleanupCrashedApps(String stype) {
-  RequireRegistrableType(stype);
-  const String appsInSrv = kRootPath + stype;
+  stype = tree::RegistrableType(stype);
+  const String appsInSrv = tree::DataDir(stype);
   std::vector<String> srvChildren;
   m_conn->GetChildren(appsInSrv, srvChildren);
   // Listed after the data nodes: an instance whose data node was listed had
   // its liveness node before, so it is listed here too.
-  const String appsInSrvAlive = kAlivePath + stype;
+  const String appsInSrvAlive = tree::AliveDir(stype);
   std::vector<String> srvAliveKids;
   m_conn->GetChildren(appsInSrvAlive, srvAliveKids);
   const std::unordered_set<String> srvAliveChildren(srvAliveKids.begin(), srvAliveKids.end());
@@ -295,7 +278,7 @@ void Service::CleanupCrashedApps(String stype) {
 
 OldServiceWatcher::OldServiceWatcher(std::shared_ptr<Connection> conn, const String& name)
     : m_conn(std::move(conn)), m_name(NormalizePath(name)) {
-  EnsurePath(*m_conn, kAlivePath + m_name, false, ZOO_OPEN_ACL_UNSAFE);
+  EnsurePath(*m_conn, tree::AliveDir(m_name), false, ZOO_OPEN_ACL_UNSAFE);
 }
 
 std::tuple<int, std::vector<ServiceId>> OldServiceWatcher::List() const {
@@ -305,7 +288,7 @@ std::tuple<int, std::vector<ServiceId>> OldServiceWatcher::List() const {
 
 std::tuple<int, std::vector<ServiceId>, Connection::WatchHandle> OldServiceWatcher::List(
     WatchFunction func) const {
-  const String path = kAlivePath + m_name;
+  const String path = tree::AliveDir(m_name);
   std::vector<String> children;
   std::vector<ServiceId> services;
   int rc;
@@ -375,10 +358,8 @@ std::tuple<int, Connection::WatchHandle> OldServiceWatcher::HasAttribute(const S
 }
 
 String OldServiceWatcher::CreatePath(const String& path, const ServiceId& id) const {
-  const String normalized = NormalizePath(path);
-  String result = kRootPath + m_name + "/" + uuid::to_string(id);
-  if (!normalized.empty()) result += "/" + normalized;
-  return result;
+  const String root = tree::DataPath(m_name, id);
+  return NormalizePath(path).empty() ? root : tree::Below(root, path);
 }
 
 }  // namespace qx::korvel

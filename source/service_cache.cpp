@@ -9,6 +9,7 @@
 #include <set>
 #include <thread>
 
+#include "korvel/tree.h"
 #include "korvel/utils.h"
 #include "logger/logger.h"
 #include "stlext/uuid.h"
@@ -24,23 +25,13 @@ using Clock = std::chrono::steady_clock;
 const logging::ConstSourcePtr& g_log =
     *new logging::ConstSourcePtr(logging::MakeSource("korvel.cache"));
 
-// The attributes an instance publishes about itself, in the reverse of the
-// order registration writes them: the server answers one connection's reads
-// in order, so a read that finds an attribute is followed by reads that find
-// every attribute written before it. The last one, the status, is watched.
-const char* const kOwnAttributes[] = {"version",  "chef_recipe_name", "start_time", "pid",
-                                      "hostname", "service_name",     "status"};
-constexpr std::size_t kStatusIndex = std::size(kOwnAttributes) - 1;
-constexpr char kStatus[] = "status";
 constexpr char kUp[] = "up";
 
-// Registration writes "status" first and these last (then the optional
-// recipe name and version): an instance read in between is read again soon,
-// first after kFollowUp, then after twice as long each time, at most
-// kMaxFollowUps times; once complete, it is read once more after kSettle,
-// unless it has the version too, which registration writes last.
-const char* const kAlwaysPublished[] = {"status", "hostname", "pid", "start_time"};
-constexpr char kWrittenLast[] = "version";
+// An instance caught in the middle of its registration (without one of the
+// attributes that every registration writes) is read again soon, first after
+// kFollowUp, then after twice as long each time, at most kMaxFollowUps times;
+// once complete, it is read once more after kSettle, unless it has the
+// version too, which registration writes last.
 constexpr auto kFollowUp = std::chrono::milliseconds(50);
 constexpr int kMaxFollowUps = 6;
 constexpr auto kSettle = std::chrono::milliseconds(150);
@@ -81,8 +72,8 @@ class ServiceCache::Impl : public ConnectionObserver, public std::enable_shared_
  public:
   Impl(std::shared_ptr<Connection> conn, const String& type, Selection selection)
       : m_conn(std::move(conn)),
-        m_aliveDir("/srv/alive/" + NormalizePath(type)),
-        m_dataDir("/srv/" + NormalizePath(type)),
+        m_type(NormalizePath(type)),
+        m_aliveDir(tree::AliveDir(m_type)),
         m_selection(selection),
         m_published(std::make_shared<const ServiceSnapshot>()) {}
 
@@ -374,12 +365,9 @@ class ServiceCache::Impl : public ConnectionObserver, public std::enable_shared_
       if (type == ZOO_SESSION_EVENT) return;
       auto self = weak.lock();
       if (!self) return;
-      const std::size_t at = self->m_dataDir.size() + 1;
-      if (path.size() < at + 36) return;
-      ServiceId id;
-      // Otherwise not a path of ours.
-      if (uuid::from_string(std::string_view(path).substr(at, 36), id)) {
-        self->Post(Task{Task::kRead, id, 0, false});
+      const auto location = tree::Parse(path);
+      if (location && !location->alive && location->type == self->m_type && location->id) {
+        self->Post(Task{Task::kRead, *location->id, 0, false});
       }
     };
   }
@@ -451,43 +439,29 @@ class ServiceCache::Impl : public ConnectionObserver, public std::enable_shared_
   // nothing is changed.
   bool Read(const std::vector<ServiceId>& ids, std::vector<ServiceCacheEvent>& events) {
     if (ids.empty()) return true;
-    // One batch: every attribute of every instance, watching the statuses.
-    const std::size_t perInstance = std::size(kOwnAttributes);
-    std::vector<Connection::ReadRequest> requests;
-    for (const ServiceId& id : ids) {
-      const String root = m_dataDir + "/" + uuid::to_string(id) + "/";
-      for (const char* attribute : kOwnAttributes) {
-        requests.push_back({root + attribute, attribute == kOwnAttributes[kStatusIndex]});
-      }
-    }
-    std::vector<String> values;
-    std::vector<Connection::WatchHandle> watches;
-    const auto codes = m_conn->GetAll(requests, values, StatusCallback(), &watches);
-    if (std::any_of(codes.begin(), codes.end(),
-                    [](int rc) { return rc != ZOK && rc != ZNONODE; })) {
-      return false;
-    }
-
-    for (std::size_t i = 0; i < ids.size(); ++i) {
-      const std::size_t first = i * perInstance;
+    std::vector<tree::OwnAttributes> read;
+    if (tree::ReadOwnAttributes(*m_conn, m_type, ids, read, StatusCallback()) != ZOK) return false;
+    for (tree::OwnAttributes& instance : read) {
       auto data = std::make_shared<CachedInstance>();
-      data->id = ids[i];
-      for (std::size_t a = 0; a < perInstance; ++a) {
-        if (codes[first + a] == ZOK)
-          data->attributes[kOwnAttributes[a]] = std::move(values[first + a]);
+      data->id = instance.id;
+      for (std::size_t a = 0; a < tree::kOwnAttributeCount; ++a) {
+        if (instance.values[a]) {
+          data->attributes[tree::kOwnAttributeNames[a]] = std::move(*instance.values[a]);
+        }
       }
-      const std::size_t status = first + kStatusIndex;
-      Connection::WatchHandle statusWatch = std::move(watches[status]);
-      if (codes[status] == ZNONODE) {
+      Connection::WatchHandle statusWatch = std::move(instance.statusWatch);
+      if (!instance[tree::kStatus]) {
         // Not published yet (or gone): watch for it to appear.
-        auto [rc, handle] = m_conn->Exists(requests[status].path, StatusCallback(), nullptr);
-        if (rc == ZOK) Post(Task{Task::kRead, ids[i], 0, false});
+        const String status =
+            tree::OwnAttributePath(tree::DataPath(m_type, instance.id), tree::kStatus);
+        auto [rc, handle] = m_conn->Exists(status, StatusCallback(), nullptr);
+        if (rc == ZOK) Post(Task{Task::kRead, instance.id, 0, false});
         statusWatch = std::move(handle);
       }
-      Entry& entry = m_instances[ids[i]];
-      ScheduleFollowUp(ids[i], entry, *data);
+      Entry& entry = m_instances[instance.id];
+      ScheduleFollowUp(instance.id, entry, *data);
       if (!entry.data) {
-        events.push_back(MakeEvent(ServiceCacheEvent::Type::kInstanceAdded, ids[i], data));
+        events.push_back(MakeEvent(ServiceCacheEvent::Type::kInstanceAdded, instance.id, data));
       } else {
         Compare(*entry.data, data, events);
       }
@@ -499,17 +473,24 @@ class ServiceCache::Impl : public ConnectionObserver, public std::enable_shared_
 
   // An instance caught in the middle of its registration is read again.
   void ScheduleFollowUp(const ServiceId& id, Entry& entry, const CachedInstance& now) {
-    const bool complete = std::all_of(std::begin(kAlwaysPublished), std::end(kAlwaysPublished),
-                                      [&](const char* name) { return now.Attribute(name); });
+    const auto has = [&now](tree::OwnAttribute a) {
+      return now.Attribute(tree::kOwnAttributeNames[a]) != nullptr;
+    };
+    bool complete = true;
+    for (std::size_t a = 0; a < tree::kOwnAttributeCount; ++a) {
+      const auto attribute = static_cast<tree::OwnAttribute>(a);
+      if (tree::AlwaysPublished(attribute) && !has(attribute)) complete = false;
+    }
     if (!complete) {
       if (entry.followUps < kMaxFollowUps) {
         m_followUps.emplace(Clock::now() + kFollowUp * (1 << entry.followUps++), id);
       }
       return;
     }
-    const String* before = entry.data ? entry.data->Attribute("start_time") : nullptr;
-    const bool registered = before == nullptr || *before != *now.Attribute("start_time");
-    const bool finished = now.Attribute(kWrittenLast) != nullptr;
+    const char* startTime = tree::kOwnAttributeNames[tree::kStartTime];
+    const String* before = entry.data ? entry.data->Attribute(startTime) : nullptr;
+    const bool registered = before == nullptr || *before != *now.Attribute(startTime);
+    const bool finished = has(tree::kVersion);
     if (!finished && (registered || entry.followUps > 0)) {
       m_followUps.emplace(Clock::now() + kSettle, id);
     }
@@ -552,7 +533,7 @@ class ServiceCache::Impl : public ConnectionObserver, public std::enable_shared_
     snapshot->instances.reserve(m_instances.size());
     for (const auto& [id, entry] : m_instances) {
       snapshot->instances.push_back(entry.data);
-      const String* status = entry.data->Attribute(kStatus);
+      const String* status = entry.data->Attribute(tree::kOwnAttributeNames[tree::kStatus]);
       if (status != nullptr && *status == kUp) snapshot->up.push_back(entry.data);
     }
     snapshot->current = m_current;
@@ -600,8 +581,8 @@ class ServiceCache::Impl : public ConnectionObserver, public std::enable_shared_
   }
 
   const std::shared_ptr<Connection> m_conn;
+  const String m_type;
   const String m_aliveDir;
-  const String m_dataDir;
   const Selection m_selection;
   const std::uint64_t m_id = g_nextCacheId++;
 

@@ -2,11 +2,10 @@
 // service type; an `OldServiceWatcher` lists the live instances of a type and
 // reads their attributes.
 //
-// The tree: every live instance of type T has an ephemeral liveness node
-// /srv/alive/T/<id> and a data node /srv/T/<id> whose children are its
-// attributes ("status", "service_name", "hostname", "pid", "start_time",
-// "chef_recipe_name", "version") and its per-child records. <id> is the
-// instance's ServiceId in its 36-character text form.
+// The tree (korvel/tree.h): every live instance of type T has an ephemeral
+// liveness node /srv/alive/T/<id> and a data node /srv/T/<id> whose children
+// are its own attributes and its per-child records. <id> is the instance's
+// ServiceId in its 36-character text form.
 //
 // The liveness node and the instance's own attributes are ephemeral: they
 // vanish with the session that made them. The data node and the per-child
@@ -53,7 +52,7 @@ class Service : public std::enable_shared_from_this<Service>, public ConnectionO
   Service(const Service&) = delete;
   Service& operator=(const Service&) = delete;
 
-  // "/srv/<type>/<id>".
+  // The data node's path (tree::DataPath).
   const String& GetRoot() const { return m_root; }
   ServiceId GetId() const { return m_uuid; }
   const std::shared_ptr<Connection>& GetConnection() const { return m_conn; }

@@ -8,8 +8,9 @@
 // instance removed, attribute changed (old and new value), and the cache
 // becoming current or stale.
 //
-// Threads: Snapshot() and Pick() may be called from any thread; they take no
-// lock and make no request. The cache does its reading on a thread of its own,
+// Threads: Snapshot() and Pick() may be called from any thread and make no
+// request; Snapshot() takes a short lock only the first time a thread asks
+// after a change, and Pick() with kSticky takes one to remember its choice. The cache does its reading on a thread of its own,
 // which also calls the listeners, one event at a time and in the order the
 // tree changed as far as ZooKeeper tells. Every other member may be called
 // from any thread too, including a listener and the connection's event thread
@@ -35,8 +36,7 @@ namespace qx::korvel {
 // One live instance as the cache read it last. Immutable.
 struct CachedInstance {
   ServiceId id;
-  // The instance's own attributes that exist: "status", "service_name",
-  // "hostname", "pid", "start_time", "chef_recipe_name", "version".
+  // The instance's own attributes that exist (tree::kOwnAttributeNames).
   std::map<String, String> attributes;
 
   // The attribute's value, or null when the instance does not publish it.

@@ -58,18 +58,19 @@ int RunDemo(const Settings& settings);
 // A connected session; Failure "cannot connect to ZooKeeper at HOSTS" otherwise.
 std::shared_ptr<qx::korvel::Connection> Connect(const std::string& hosts,
                                                 std::chrono::milliseconds sessionTimeout);
-// The live instances of the watcher's type with their own attributes, oldest first (then by
-// name and id).
-std::vector<InstanceFacts> ReadInstances(const qx::korvel::OldServiceWatcher& watcher);
+// The live instances of `type` with their own attributes, oldest first (then by name and id),
+// read with all requests in flight together; none when the type has no liveness directory.
+std::vector<InstanceFacts> ReadInstances(const qx::korvel::Connection& conn,
+                                         const std::string& type);
 // What `list TYPE` prints.
 std::string FormatInstances(const std::vector<InstanceFacts>& instances, bool json);
 // What `show TYPE ID [--child PATH]` prints; Failure for a missing instance or child.
-std::string ShowInstance(const qx::korvel::OldServiceWatcher& watcher, const std::string& type,
+std::string ShowInstance(const qx::korvel::Connection& conn, const std::string& type,
                          const qx::korvel::ServiceId& id, const std::string& child, bool json);
 
 // "up", "down", "up_sending_disabled" -> the status; nullopt for anything else.
 std::optional<qx::korvel::Service::Status> ParseStatus(const std::string& text);
-// A ServiceId from its text form; nullopt for anything else.
+// A ServiceId from its 36-character text form in either case; nullopt for anything else.
 std::optional<qx::korvel::ServiceId> ParseServiceId(const std::string& text);
 
 }  // namespace korvel::cli

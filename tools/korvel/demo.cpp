@@ -133,12 +133,12 @@ void Tour(const Settings& settings, const std::string& hosts) {
   const qx::korvel::OldServiceWatcher watcher(conn, kType);
   const auto list = [&] {
     Say(std::string("$ korvel list ") + kType);
-    std::cout << FormatInstances(ReadInstances(watcher), false) << std::flush;
+    std::cout << FormatInstances(ReadInstances(*conn, kType), false) << std::flush;
   };
   const auto show = [&](const Instance& instance) {
     Say(std::string("$ korvel show ") + kType + " " + instance.IdText());
     try {
-      std::cout << ShowInstance(watcher, kType, instance.Id(), "", false) << std::flush;
+      std::cout << ShowInstance(*conn, kType, instance.Id(), "", false) << std::flush;
     } catch (const Failure& e) {
       Say(std::string("korvel: ") + e.what());
     }

@@ -1,18 +1,27 @@
 #include "output.h"
 
+#include <korvel/tree.h>
+
 #include <algorithm>
+#include <ctime>
 #include <sstream>
 
 namespace korvel::cli {
 namespace {
 
-// A start time is stored as "YYYY-MM-DD HH:MM:SS.D" in UTC, D being the ISO
-// weekday (1 Monday ... 7 Sunday), which reads like a tenth of a second: the
-// table shows "YYYY-MM-DD HH:MM:SSZ" instead. Any other text is shown as it is.
+using qx::korvel::tree::kOwnAttributeNames;
+namespace tree = qx::korvel::tree;
+
+// A start time is stored with the ISO weekday after the seconds, which reads like a tenth of a
+// second: the table shows "YYYY-MM-DD HH:MM:SSZ" instead. Any other text is shown as it is.
 std::string ShowStartTime(const std::string& value) {
-  const bool stored = value.size() == 21 && value[19] == '.' && value[20] >= '1' &&
-                      value[20] <= '7' && value[10] == ' ';
-  return stored ? value.substr(0, 19) + "Z" : value;
+  const auto time = tree::ParseStartTime(value);
+  if (!time) return value;
+  std::tm utc{};
+  gmtime_r(&*time, &utc);
+  char text[32];
+  std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%SZ", &utc);
+  return text;
 }
 
 struct Column {
@@ -22,9 +31,13 @@ struct Column {
 };
 
 const Column kColumns[] = {
-    {"ID", nullptr},        {"STATUS", "status"}, {"NAME", "service_name"},
-    {"HOST", "hostname"},   {"PID", "pid"},       {"STARTED", "start_time", &ShowStartTime},
-    {"VERSION", "version"},
+    {"ID", nullptr},
+    {"STATUS", kOwnAttributeNames[tree::kStatus]},
+    {"NAME", kOwnAttributeNames[tree::kServiceName]},
+    {"HOST", kOwnAttributeNames[tree::kHostname]},
+    {"PID", kOwnAttributeNames[tree::kPid]},
+    {"STARTED", kOwnAttributeNames[tree::kStartTime], &ShowStartTime},
+    {"VERSION", kOwnAttributeNames[tree::kVersion]},
 };
 
 // Writes `cells` padded to `widths`, two spaces apart; the last cell unpadded.
@@ -50,9 +63,6 @@ void WriteRecord(std::ostream& out, const Record& record, const std::string& ind
 }
 
 }  // namespace
-
-const std::vector<std::string> kOwnAttributes = {
-    "status", "service_name", "hostname", "pid", "start_time", "chef_recipe_name", "version"};
 
 std::string InstanceFacts::Get(const std::string& name) const {
   for (const auto& [attribute, value] : attributes) {

@@ -12,9 +12,6 @@ namespace korvel::cli {
 
 using Json = nlohmann::ordered_json;
 
-// The attributes that every instance publishes about itself, in display order.
-extern const std::vector<std::string> kOwnAttributes;
-
 // One live instance: its id and those of its own attributes that it publishes.
 struct InstanceFacts {
   std::string id;

@@ -1,14 +1,14 @@
 // The read commands: list, show, get.
 #include <korvel/error.h>
 #include <korvel/service_cache.h>
+#include <korvel/tree.h>
 #include <korvel/utils.h>
 #include <stlext/uuid.h>
 
 #include <algorithm>
-#include <boost/lexical_cast.hpp>
-#include <boost/uuid/uuid_io.hpp>
 #include <condition_variable>
 #include <iostream>
+#include <map>
 #include <mutex>
 #include <thread>
 
@@ -22,6 +22,7 @@ using namespace std::chrono_literals;
 using qx::korvel::Connection;
 using qx::korvel::OldServiceWatcher;
 using qx::korvel::ServiceId;
+namespace tree = qx::korvel::tree;
 
 // After a change the listing waits this long, so that a registration's facts, published one
 // after another, are read together.
@@ -37,8 +38,8 @@ std::string Dump(const Json& json) {
 }
 
 void RequireServiceType(const std::string& type) {
-  // Service refuses this type; a watcher would make the node /srv/alive/alive.
-  if (qx::korvel::NormalizePath(type) == "alive") {
+  // Service refuses these types; a watcher would make a directory among the liveness nodes.
+  if (tree::IsLivenessType(qx::korvel::NormalizePath(type))) {
     throw Failure("'alive' is not a service type: it is where liveness nodes live");
   }
 }
@@ -48,7 +49,7 @@ void RequireServiceType(const std::string& type) {
 std::optional<OldServiceWatcher> WatchType(std::shared_ptr<Connection> conn,
                                            const std::string& type) {
   RequireServiceType(type);
-  const int rc = conn->Exists("/srv/alive/" + qx::korvel::NormalizePath(type), nullptr);
+  const int rc = conn->Exists(tree::AliveDir(type), nullptr);
   if (rc == ZNONODE) return std::nullopt;
   Check(rc, "cannot read the service type '" + type + "'");
   try {
@@ -72,9 +73,7 @@ OldServiceWatcher WatchInstanceType(std::shared_ptr<Connection> conn, const std:
 std::optional<Stat> NodeStat(const Connection& conn, const std::string& type, const ServiceId& id,
                              const std::string& path) {
   Stat stat{};
-  const int rc = conn.Exists("/srv/" + qx::korvel::NormalizePath(type) + "/" +
-                                 qx::uuid::to_string(id) + "/" + qx::korvel::NormalizePath(path),
-                             &stat);
+  const int rc = conn.Exists(tree::Below(tree::DataPath(type, id), path), &stat);
   return rc == ZOK ? std::optional<Stat>(stat) : std::nullopt;
 }
 
@@ -87,71 +86,88 @@ bool IsChildRecord(const Stat& stat) {
 
 void SortInstances(std::vector<InstanceFacts>& instances) {
   std::sort(instances.begin(), instances.end(), [](const auto& a, const auto& b) {
-    return std::make_tuple(a.Get("start_time"), a.Get("service_name"), a.id) <
-           std::make_tuple(b.Get("start_time"), b.Get("service_name"), b.id);
+    const auto key = [](const InstanceFacts& i) {
+      return std::make_tuple(i.Get(tree::kOwnAttributeNames[tree::kStartTime]),
+                             i.Get(tree::kOwnAttributeNames[tree::kServiceName]), i.id);
+    };
+    return key(a) < key(b);
   });
 }
 
-// The own attributes of each instance; an instance that is gone by now is skipped.
-std::vector<InstanceFacts> ReadFacts(const OldServiceWatcher& watcher,
-                                     const std::vector<ServiceId>& ids) {
-  std::vector<InstanceFacts> instances;
-  for (const ServiceId& id : ids) {
-    const std::string idText = qx::uuid::to_string(id);
-    auto [rc, names] = watcher.GetAttributes(id);
-    if (rc == ZNONODE) continue;
-    Check(rc, "cannot read instance " + idText);
-    InstanceFacts facts{idText, {}};
-    for (const std::string& attribute : kOwnAttributes) {
-      if (std::find(names.begin(), names.end(), attribute) == names.end()) continue;
-      auto [valueRc, value] = watcher.GetAttribute(id, attribute);
-      if (valueRc == ZNONODE) continue;
-      Check(valueRc, "cannot read " + attribute + " of instance " + idText);
-      facts.attributes.emplace_back(attribute, value);
+InstanceFacts FactsOf(const ServiceId& id,
+                      const std::function<const std::string*(tree::OwnAttribute)>& get) {
+  InstanceFacts facts{qx::uuid::to_string(id), {}};
+  for (std::size_t a = 0; a < tree::kOwnAttributeCount; ++a) {
+    if (const std::string* value = get(static_cast<tree::OwnAttribute>(a))) {
+      facts.attributes.emplace_back(tree::kOwnAttributeNames[a], *value);
     }
-    instances.push_back(std::move(facts));
   }
-  SortInstances(instances);
-  return instances;
+  return facts;
 }
 
 std::vector<InstanceFacts> FactsOf(const qx::korvel::ServiceSnapshot& snapshot) {
   std::vector<InstanceFacts> instances;
   for (const auto& instance : snapshot.instances) {
-    InstanceFacts facts{qx::uuid::to_string(instance->id), {}};
-    for (const std::string& attribute : kOwnAttributes) {
-      if (const std::string* value = instance->Attribute(attribute)) {
-        facts.attributes.emplace_back(attribute, *value);
-      }
-    }
-    instances.push_back(std::move(facts));
+    instances.push_back(FactsOf(instance->id, [&](tree::OwnAttribute a) {
+      return instance->Attribute(tree::kOwnAttributeNames[a]);
+    }));
   }
   SortInstances(instances);
   return instances;
 }
 
-// The record at `path` below the instance's data node ("": the instance itself) with everything
-// below it; nullopt when there is no such node.
-std::optional<Record> ReadRecord(const OldServiceWatcher& watcher, const ServiceId& id,
-                                 const std::string& path, const std::string& name) {
-  auto [rc, names] = watcher.GetAttributes(id, path);
-  if (rc == ZNONODE) return std::nullopt;
-  Check(rc, "cannot read instance " + qx::uuid::to_string(id));
-  std::sort(names.begin(), names.end());
-  Record record{name, {}, {}};
-  for (const std::string& node : names) {
-    const std::string nodePath = path.empty() ? node : path + "/" + node;
-    auto [childRc, grandchildren] = watcher.GetAttributes(id, nodePath);
-    if (childRc == ZOK && !grandchildren.empty()) {
-      if (auto child = ReadRecord(watcher, id, nodePath, node)) {
-        record.children.push_back(std::move(*child));
+// Reads the nodes below `node` a level at a time, each level's listings and then its values in
+// flight together: `listed` receives the sorted child names of `node` and of every node below
+// it that has children, `values` the value of every other node below it. False when `node`
+// does not exist.
+bool ReadSubtree(const Connection& conn, const std::string& node, const std::string& instance,
+                 std::map<std::string, std::vector<std::string>>& listed,
+                 std::map<std::string, std::string>& values) {
+  const auto relative = [&node](const std::string& path) { return path.substr(node.size() + 1); };
+  std::vector<std::string> level = {node};
+  while (!level.empty()) {
+    std::vector<std::vector<std::string>> children;
+    const std::vector<int> codes = conn.GetChildrenAll(level, children);
+    std::vector<std::string> next;
+    std::vector<Connection::ReadRequest> leaves;
+    for (std::size_t i = 0; i < level.size(); ++i) {
+      if (codes[i] == ZNONODE) {
+        if (level[i] == node) return false;
+        continue;  // removed meanwhile
       }
-      continue;
+      Check(codes[i], "cannot read instance " + instance);
+      if (children[i].empty() && level[i] != node) {
+        leaves.push_back({level[i]});
+        continue;
+      }
+      std::sort(children[i].begin(), children[i].end());
+      for (const std::string& child : children[i]) next.push_back(level[i] + "/" + child);
+      listed[level[i]] = std::move(children[i]);
     }
-    auto [valueRc, value] = watcher.GetAttribute(id, node, path);
-    if (valueRc == ZNONODE) continue;
-    Check(valueRc, "cannot read " + nodePath + " of instance " + qx::uuid::to_string(id));
-    record.attributes.emplace_back(node, value);
+    std::vector<std::string> read;
+    const std::vector<int> readCodes = conn.GetAll(leaves, read);
+    for (std::size_t i = 0; i < leaves.size(); ++i) {
+      if (readCodes[i] == ZNONODE) continue;
+      Check(readCodes[i], "cannot read " + relative(leaves[i].path) + " of instance " + instance);
+      values[leaves[i].path] = std::move(read[i]);
+    }
+    level = std::move(next);
+  }
+  return true;
+}
+
+// The record `name` at `node` from what ReadSubtree read.
+Record BuildRecord(const std::string& node, const std::string& name,
+                   const std::map<std::string, std::vector<std::string>>& listed,
+                   const std::map<std::string, std::string>& values) {
+  Record record{name, {}, {}};
+  for (const std::string& child : listed.at(node)) {
+    const std::string path = node + "/" + child;
+    if (listed.count(path) != 0) {
+      record.children.push_back(BuildRecord(path, child, listed, values));
+    } else if (auto value = values.find(path); value != values.end()) {
+      record.attributes.emplace_back(child, value->second);
+    }
   }
   return record;
 }
@@ -219,10 +235,28 @@ std::shared_ptr<Connection> Connect(const std::string& hosts,
   }
 }
 
-std::vector<InstanceFacts> ReadInstances(const OldServiceWatcher& watcher) {
-  auto [rc, ids] = watcher.List();
+std::vector<InstanceFacts> ReadInstances(const Connection& conn, const std::string& type) {
+  std::vector<std::string> names;
+  const int rc = conn.GetChildren(tree::AliveDir(type), names);
+  if (rc == ZNONODE) return {};
   Check(rc, "cannot list the live instances");
-  return ReadFacts(watcher, ids);
+  std::vector<ServiceId> ids;
+  for (const std::string& name : names) {
+    ServiceId id;
+    if (qx::uuid::from_string(name, id)) ids.push_back(id);
+  }
+  std::vector<tree::OwnAttributes> read;
+  Check(tree::ReadOwnAttributes(conn, type, ids, read), "cannot read the live instances");
+  std::vector<InstanceFacts> instances;
+  instances.reserve(read.size());
+  for (const auto& instance : read) {
+    // Gone by now, or not written yet.
+    if (!instance.Any()) continue;
+    instances.push_back(FactsOf(
+        instance.id, [&](tree::OwnAttribute a) { return instance[a] ? &*instance[a] : nullptr; }));
+  }
+  SortInstances(instances);
+  return instances;
 }
 
 std::string FormatInstances(const std::vector<InstanceFacts>& instances, bool json) {
@@ -230,18 +264,22 @@ std::string FormatInstances(const std::vector<InstanceFacts>& instances, bool js
   return instances.empty() ? "no live instances\n" : FormatTable(instances);
 }
 
-std::string ShowInstance(const OldServiceWatcher& watcher, const std::string& type,
-                         const ServiceId& id, const std::string& child, bool json) {
+std::string ShowInstance(const Connection& conn, const std::string& type, const ServiceId& id,
+                         const std::string& child, bool json) {
   const std::string idText = qx::uuid::to_string(id);
   const std::string path = qx::korvel::NormalizePath(child);
-  const auto record = ReadRecord(watcher, id, path, path);
-  if (!record) {
-    if (path.empty() || std::get<0>(watcher.GetAttributes(id)) == ZNONODE) {
+  const std::string dataPath = tree::DataPath(type, id);
+  const std::string node = path.empty() ? dataPath : tree::Below(dataPath, path);
+  std::map<std::string, std::vector<std::string>> listed;
+  std::map<std::string, std::string> values;
+  if (!ReadSubtree(conn, node, idText, listed, values)) {
+    if (path.empty() || conn.Exists(dataPath, nullptr) == ZNONODE) {
       throw Failure("no instance " + idText + " of type '" + type + "'");
     }
     throw Failure("instance " + idText + " has no child record '" + path + "'");
   }
-  return json ? Dump(RecordToJson(*record)) : FormatRecord(*record);
+  const Record record = BuildRecord(node, path, listed, values);
+  return json ? Dump(RecordToJson(record)) : FormatRecord(record);
 }
 
 std::optional<qx::korvel::Service::Status> ParseStatus(const std::string& text) {
@@ -253,12 +291,8 @@ std::optional<qx::korvel::Service::Status> ParseStatus(const std::string& text) 
 }
 
 std::optional<ServiceId> ParseServiceId(const std::string& text) {
-  try {
-    const auto id = boost::lexical_cast<ServiceId>(text);
-    // Only the canonical form, as it stands in node names.
-    if (qx::uuid::to_string(id) == text) return id;
-  } catch (const boost::bad_lexical_cast&) {
-  }
+  ServiceId id;
+  if (qx::uuid::from_string(text, id)) return id;
   return std::nullopt;
 }
 
@@ -268,9 +302,9 @@ int RunList(const Settings& settings, const std::string& type, bool json, bool w
     RequireServiceType(type);
     return WatchInstances(Connect(settings.hosts, settings.sessionTimeout), type, json);
   }
-  const auto watcher = WatchType(Connect(settings.hosts, settings.sessionTimeout), type);
-  std::cout << FormatInstances(watcher ? ReadInstances(*watcher) : std::vector<InstanceFacts>{},
-                               json);
+  RequireServiceType(type);
+  const auto conn = Connect(settings.hosts, settings.sessionTimeout);
+  std::cout << FormatInstances(ReadInstances(*conn, type), json);
   return 0;
 }
 
@@ -283,7 +317,7 @@ int RunShow(const Settings& settings, const std::string& type, const ServiceId& 
     throw Failure("'" + child + "' is an attribute of instance " + qx::uuid::to_string(id) +
                   ", not a child record: korvel get reads it");
   }
-  std::cout << ShowInstance(watcher, type, id, child, json);
+  std::cout << ShowInstance(*conn, type, id, child, json);
   return 0;
 }
 

@@ -10,7 +10,7 @@
 // `LogMessage`, which passes it to every handler on the same thread.
 //
 // Thread-safety: every function here may be called from any thread at any
-// time. Handlers are called on the logging thread, one record at a time per
+// time. Handlers are called on the thread that logs, one record at a time per
 // thread but concurrently across threads; a handler must be thread-safe.
 #pragma once
 
