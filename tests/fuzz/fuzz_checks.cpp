@@ -7,7 +7,9 @@
 #include <iomanip>
 #include <sstream>
 
+#include "korvel/error.h"
 #include "korvel/service_id.h"
+#include "korvel/tree.h"
 #include "korvel/utils.h"
 #include "logger/logger.h"
 #include "stlext/uuid.h"
@@ -272,27 +274,44 @@ std::string CheckServiceIdParse(std::string_view input) {
   return "";
 }
 
+// Where tree::Parse puts `path`, compared with what built it.
+std::string CheckParse(const std::string& path, bool alive, const std::string& type,
+                       const qx::korvel::ServiceId& id) {
+  const auto location = qx::korvel::tree::Parse(path);
+  if (!location) return "Parse refuses " + Show(path);
+  if (location->alive != alive || location->type != type || location->id != id ||
+      !location->below.empty()) {
+    return "Parse misreads " + Show(path) + " as " + (location->alive ? "liveness" : "data") +
+           " of type " + Show(location->type);
+  }
+  return "";
+}
+
 std::string CheckRegistryPaths(std::string_view input) {
+  namespace tree = qx::korvel::tree;
   std::vector<std::string_view> fields = Split(input, '\n');
   fields.resize(3);
-  const std::string type = NormalizePath(std::string(fields[0]));
+  const std::string rawType(fields[0]);
   const std::string child(fields[1]);
   const std::string attribute(fields[2]);
-  const std::string id = "0123abcd-4567-89ef-0123-456789abcdef";
+  const std::string type = NormalizePath(rawType);
+  qx::korvel::ServiceId id{};
+  qx::uuid::from_string("0123abcd-4567-89ef-0123-456789abcdef", id);
 
   // Service: the liveness and data nodes, an attribute of the service or of
   // a child (SetChildAttribute), a child (RemoveChild).
-  const std::string alive = "/srv/alive/" + type + "/" + id;
-  const std::string root = "/srv/" + type + "/" + id;
+  const std::string alive = tree::AlivePath(rawType, id);
+  const std::string root = tree::DataPath(rawType, id);
   const std::string normalChild = NormalizePath(child);
   const std::string normalAttribute = NormalizePath(attribute);
-  const std::string attrPath = child == "/" ? root + "/" + normalAttribute
-                                            : root + "/" + normalChild + "/" + normalAttribute;
-  const std::string childPath = root + "/" + normalChild;
+  const std::string attrPath =
+      tree::Below(child == "/" ? root : tree::Below(root, child), attribute);
+  const std::string childPath = tree::Below(root, child);
   // OldServiceWatcher: the liveness directory, and a query of attribute
   // `attribute` (a bare name, appended as it is) below child `child`.
-  const std::string watched = "/srv/alive/" + type;
-  const std::string query = root + (normalChild.empty() ? "" : "/" + normalChild) + "/" + attribute;
+  const std::string watched = tree::AliveDir(rawType);
+  const std::string query =
+      (normalChild.empty() ? root : tree::Below(root, child)) + "/" + attribute;
 
   const bool typeOk = ValidPart(type);
   const auto expect = [](const std::string& path, bool valid) {
@@ -306,6 +325,26 @@ std::string CheckRegistryPaths(std::string_view input) {
         expect(childPath, typeOk && ValidPart(normalChild)),
         expect(query, typeOk && (normalChild.empty() || ValidPart(normalChild)) &&
                           ValidPart(attribute))}) {
+    if (!failure.empty()) return failure;
+  }
+
+  // A type that registration takes has its data nodes apart from every
+  // liveness node, and each path reads back as what built it (unless a level
+  // of the type looks like an instance id, which no parser can tell apart).
+  bool registrable = true;
+  try {
+    if (tree::RegistrableType(rawType) != type) return "RegistrableType does not normalise";
+  } catch (const qx::korvel::KorvelError&) {
+    registrable = false;
+  }
+  if (registrable == tree::IsLivenessType(type)) return "RegistrableType and IsLivenessType differ";
+  if (!registrable || !typeOk) return "";
+  for (std::string_view level : Components(type)) {
+    qx::korvel::ServiceId unused;
+    if (qx::uuid::from_string(level, unused)) return "";
+  }
+  for (const std::string& failure :
+       {CheckParse(root, false, type, id), CheckParse(alive, true, type, id)}) {
     if (!failure.empty()) return failure;
   }
   return "";

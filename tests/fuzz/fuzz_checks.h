@@ -23,9 +23,12 @@ std::string CheckNormalizePath(std::string_view input);
 // hexadecimal digits, agree, and the id prints back as the input in lower case.
 std::string CheckServiceIdParse(std::string_view input);
 
-// The paths of registration and queries. The input holds a type, a child and
-// an attribute name separated by '\n'; they are joined the way Service and
-// OldServiceWatcher join them. Each path is valid exactly when its parts are.
+// The paths of registration and queries, built by the tree module. The input
+// holds a type, a child and an attribute name separated by '\n', joined the
+// way Service and OldServiceWatcher join them. Each path is valid exactly
+// when its parts are; a type is refused exactly when it is "alive" or below;
+// the data and liveness paths of a registrable type parse back as the type
+// and id that built them (so no data node lies among the liveness nodes).
 std::string CheckRegistryPaths(std::string_view input);
 
 // The log facade: the input is read as a program of stream operations (text,
