@@ -6,10 +6,13 @@
 // - the time from a new instance's liveness node to its appearance in the
 //   snapshot, against the C client's own child watch.
 // The cold build and the latency are also compared with the same requests as
-// the cache makes, made directly.
+// the cache makes, made directly. With --korvel, `korvel list TYPE --json` is
+// compared with the cache's cold build, both from a new session on.
 //
 //   cache_bench HOSTS [--quick] [--json FILE] [--instances N] [--rounds R] [--add-rounds R]
+//               [--korvel PATH]
 #include <korvel/service_cache.h>
+#include <korvel/tree.h>
 #include <korvel/utils.h>
 #include <logger/logger.h>
 #include <stlext/uuid.h>
@@ -21,32 +24,41 @@
 #include <thread>
 
 #include "bench_util.h"
+#include "child_process.h"
 #include "zklocal/zklocal.h"
 
 using namespace std::chrono_literals;
 using namespace korvel::bench;
 using qx::korvel::Connection;
 using qx::korvel::ServiceCache;
+namespace tree = qx::korvel::tree;
 
 namespace {
 
-const char* const kAttributes[] = {"status",     "service_name",     "hostname", "pid",
-                                   "start_time", "chef_recipe_name", "version"};
+const std::vector<const char*> kAttributes(std::begin(tree::kOwnAttributeNames),
+                                           std::end(tree::kOwnAttributeNames));
+const char* const kStatus = tree::kOwnAttributeNames[tree::kStatus];
+
+std::string DataPath(const std::string& type, const std::string& id) {
+  qx::korvel::ServiceId parsed;
+  qx::uuid::from_string(id, parsed);
+  return tree::DataPath(type, parsed);
+}
 
 // Writes `count` instances of `type` as registration would leave them, with
 // every request of a batch in flight.
 void Populate(const Connection& conn, const std::string& type, int count) {
-  qx::korvel::EnsurePath(conn, "/srv/alive/" + type, false, ZOO_OPEN_ACL_UNSAFE);
-  qx::korvel::EnsurePath(conn, "/srv/" + type, false, ZOO_OPEN_ACL_UNSAFE);
+  qx::korvel::EnsurePath(conn, tree::AliveDir(type), false, ZOO_OPEN_ACL_UNSAFE);
+  qx::korvel::EnsurePath(conn, tree::DataDir(type), false, ZOO_OPEN_ACL_UNSAFE);
   std::vector<Connection::CreateRequest> nodes;
   for (int i = 0; i < count; ++i) {
     const std::string id = NewId();
-    const std::string root = "/srv/" + type + "/" + id;
+    const std::string root = DataPath(type, id);
     nodes.push_back({root, "", 0});
     for (const char* attribute : kAttributes) {
-      nodes.push_back({root + "/" + attribute, attribute == std::string("status") ? "up" : "x", 0});
+      nodes.push_back({root + "/" + attribute, attribute == kStatus ? "up" : "x", 0});
     }
-    nodes.push_back({"/srv/alive/" + type + "/" + id, "", 0});
+    nodes.push_back({tree::AliveDir(type) + "/" + id, "", 0});
   }
   CreateBatched(conn, nodes);
 }
@@ -58,7 +70,7 @@ void RawReadAll(const RawClient& raw, const std::string& type, const std::vector
   const watcher_fn ignore = [](zhandle_t*, int, int, const char*, void*) {};
   Completions done(static_cast<int>(ids.size() * attributes.size()));
   for (const std::string& id : ids) {
-    const std::string root = "/srv/" + type + "/" + id + "/";
+    const std::string root = DataPath(type, id) + "/";
     for (const char* attribute : attributes) {
       const int rc = zoo_awget(
           raw.zh(), (root + attribute).c_str(), attribute == attributes.front() ? ignore : nullptr,
@@ -75,7 +87,7 @@ void RawReadAll(const RawClient& raw, const std::string& type, const std::vector
 
 std::vector<std::string> RawList(const RawClient& raw, const std::string& type) {
   String_vector names{};
-  zoo_get_children(raw.zh(), ("/srv/alive/" + type).c_str(), 0, &names);
+  zoo_get_children(raw.zh(), tree::AliveDir(type).c_str(), 0, &names);
   std::vector<std::string> children(names.data, names.data + names.count);
   deallocate_String_vector(&names);
   return children;
@@ -99,6 +111,35 @@ double CacheColdBuild(const std::shared_ptr<Connection>& conn, const std::string
   cache.Start();
   RequireCurrent(cache, 120s);
   return Seconds(Clock::now() - start);
+}
+
+// A cold build from nothing: a new session, then the cache until it is current.
+double FreshCacheColdBuild(const std::string& hosts, const std::string& type) {
+  const auto start = Clock::now();
+  ServiceCache cache(std::make_shared<Connection>(hosts, 10s), type);
+  cache.Start();
+  RequireCurrent(cache, 120s);
+  return Seconds(Clock::now() - start);
+}
+
+// `korvel list TYPE --json`, from its start to its exit; its output must list `expected`
+// instances.
+double ListCommand(const std::string& korvel, const std::string& hosts, const std::string& type,
+                   std::size_t expected) {
+  const auto start = Clock::now();
+  korvel::cli::ChildProcess list(korvel, {korvel, "--zk", hosts, "list", type, "--json"});
+  const auto status = list.Wait(120s);
+  const double seconds = Seconds(Clock::now() - start);
+  using Stream = korvel::cli::ChildProcess::Stream;
+  if (status != 0) {
+    throw std::runtime_error("korvel list failed: " + list.Output(Stream::kStderr));
+  }
+  const auto listed = nlohmann::json::parse(list.Output(Stream::kStdout)).size();
+  if (listed != expected) {
+    throw std::runtime_error("korvel list listed " + std::to_string(listed) + " instances, not " +
+                             std::to_string(expected));
+  }
+  return seconds;
 }
 
 // Snapshot reads per second, from `threads` threads for `duration` together.
@@ -130,14 +171,14 @@ double AddLatency(const Connection& writer, const std::string& type,
                   const std::function<void(Moment*, const std::string&)>& arm,
                   const std::function<void()>& then = nullptr) {
   const std::string id = NewId();
-  const std::string root = "/srv/" + type + "/" + id;
+  const std::string root = DataPath(type, id);
   std::vector<Connection::CreateRequest> data{{root, "", 0}};
   for (const char* attribute : kAttributes) data.push_back({root + "/" + attribute, "up", 0});
   writer.CreateAll(data, ZOO_OPEN_ACL_UNSAFE);
   Moment seen;
   arm(&seen, id);
   const auto start = Clock::now();
-  writer.Create("/srv/alive/" + type + "/" + id, "", ZOO_OPEN_ACL_UNSAFE, 0, nullptr);
+  writer.Create(tree::AliveDir(type) + "/" + id, "", ZOO_OPEN_ACL_UNSAFE, 0, nullptr);
   auto end = seen.Wait();
   if (then) {
     then();
@@ -179,13 +220,11 @@ int main(int argc, char** argv) {
   Progress("cache: cold builds, %d rounds", rounds);
   auto cold = Interleave(
       rounds, 1, [&] { return CacheColdBuild(conn, type); },
-      [&] { return RawColdBuild(raw, type, {"status"}); });
+      [&] { return RawColdBuild(raw, type, {kStatus}); });
   // The same requests as the cache: every attribute of every instance.
   auto coldSame = Interleave(
       rounds, 0, [&] { return CacheColdBuild(conn, type); },
-      [&] {
-        return RawColdBuild(raw, type, {std::begin(kAttributes), std::end(kAttributes)});
-      });
+      [&] { return RawColdBuild(raw, type, kAttributes); });
 
   Progress("cache: snapshot reads");
   const auto readTime = args.quick ? 200ms : 1000ms;
@@ -230,7 +269,7 @@ int main(int argc, char** argv) {
   const auto childWatch = [&](Moment* seen, const std::string&) {
     String_vector children{};
     zoo_wget_children(
-        raw.zh(), ("/srv/alive/" + small).c_str(),
+        raw.zh(), tree::AliveDir(small).c_str(),
         [](zhandle_t*, int, int, const char*, void* moment) {
           static_cast<Moment*>(moment)->Mark();
         },
@@ -259,34 +298,52 @@ int main(int argc, char** argv) {
   // watch, on another thread (here the waiting one), the listing and the new
   // instance's reads.
   std::set<std::string> known;
-  auto addSame = Interleave(
-      addRounds, 0, round(cacheArm),
-      round(
-          [&](Moment* seen, const std::string& id) {
-            const auto names = RawList(raw, small);
-            known = std::set<std::string>(names.begin(), names.end());
-            childWatch(seen, id);
-          },
-          [&] {
-            std::vector<std::string> added;
-            for (const std::string& name : RawList(raw, small)) {
-              if (known.count(name) == 0) added.push_back(name);
-            }
-            RawReadAll(raw, small, added, {std::begin(kAttributes), std::end(kAttributes)});
-          }));
+  auto addSame = Interleave(addRounds, 0, round(cacheArm),
+                            round(
+                                [&](Moment* seen, const std::string& id) {
+                                  const auto names = RawList(raw, small);
+                                  known = std::set<std::string>(names.begin(), names.end());
+                                  childWatch(seen, id);
+                                },
+                                [&] {
+                                  std::vector<std::string> added;
+                                  for (const std::string& name : RawList(raw, small)) {
+                                    if (known.count(name) == 0) added.push_back(name);
+                                  }
+                                  RawReadAll(raw, small, added, kAttributes);
+                                }));
 
-  for (const std::string& name : {type, small}) {
-    qx::korvel::RecursiveDelete(*conn, "/srv/" + name);
-    qx::korvel::RecursiveDelete(*conn, "/srv/alive/" + name);
+  // `korvel list --json` of this type and of a tenth of its size.
+  const std::string korvelProgram = args.Option("korvel", "");
+  const std::string tenth = type + "-tenth";
+  std::vector<std::pair<int, Samples<double>>> lists;
+  if (!korvelProgram.empty()) {
+    Populate(*conn, tenth, instances / 10);
+    for (const auto& [listed, size] :
+         {std::pair(tenth, instances / 10), std::pair(type, instances)}) {
+      Progress("cache: korvel list --json of %d instances, %d rounds", size, rounds);
+      lists.emplace_back(
+          size, Interleave(
+                    rounds, 1,
+                    [&, listed = listed, size = size] {
+                      return ListCommand(korvelProgram, args.hosts, listed, size);
+                    },
+                    [&, listed = listed] { return FreshCacheColdBuild(args.hosts, listed); }));
+    }
+  }
+
+  for (const std::string& name : {type, small, tenth}) {
+    qx::korvel::RecursiveDelete(*conn, tree::DataDir(name));
+    qx::korvel::RecursiveDelete(*conn, tree::AliveDir(name));
   }
   const double coldBuild = Median(cold.korvel);
   const std::string coldNote =
       Note("one listing and one read per instance, pipelined",
-           std::to_string(std::size(kAttributes)) + " reads per instance", cold, coldSame, "ms");
+           std::to_string(kAttributes.size()) + " reads per instance", cold, coldSame, "ms");
   const std::string addNote =
       Note("the C client's own child watch",
            "the watch, then on another thread the listing and the new instance's " +
-               std::to_string(std::size(kAttributes)) + " reads",
+               std::to_string(kAttributes.size()) + " reads",
            add, addSame, "us");
   std::vector<Row> rows{
       {"cache cold build, " + std::to_string(instances) + " instances", coldBuild * 1e3,
@@ -297,6 +354,13 @@ int main(int argc, char** argv) {
       {"snapshot reads, 1 thread", Median(reads1), 0, "M/s", Goal{}},
       {"snapshot reads, 2 threads", Median(reads2), 0, "M/s", ValueAtLeast(50, "M/s")},
   };
+  for (const auto& [size, samples] : lists) {
+    rows.push_back({"korvel list --json, " + std::to_string(size) + " instances",
+                    Median(samples.korvel) * 1e3, Median(samples.floor) * 1e3, "ms",
+                    RatioAtMost(1.2), size / Median(samples.korvel) / 1e3, "k inst/s",
+                    "floor: the cache's cold build of the same type; both from a new session on, "
+                    "the command also from its process's start to its exit"});
+  }
   PrintReport(rows, args.json);
   return 0;
 }

@@ -94,7 +94,7 @@ if [ ${#quick[@]} -eq 0 ]; then
 fi
 run micro "$bin/micro_bench" "${quick[@]}"
 run registry "$bin/registry_bench" "$hosts" "${quick[@]}"
-run cache "$bin/cache_bench" "$hosts" "${quick[@]}"
+run cache "$bin/cache_bench" "$hosts" "${quick[@]}" --korvel "$build/tools/korvel"
 run memory "$bin/memory_bench" "$hosts" "${quick[@]}"
 "$bin/bench_report" --json "$json" "${markdown[@]}" --hosts "$hosts" --server "$server_text" \
   --load-before "$load_before" "$work"/{micro,registry,cache,memory}.json
