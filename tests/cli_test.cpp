@@ -447,6 +447,36 @@ TEST(CliTest, AliveIsNotAServiceType) {
   }
   const auto conn = Connect(Hosts());
   EXPECT_EQ(ZNONODE, conn->Exists("/srv/alive/alive", nullptr));
+  const Result below = Korvel({"list", "alive/x"});
+  EXPECT_EQ(1, below.code);
+  EXPECT_EQ(ZNONODE, conn->Exists("/srv/alive/alive", nullptr));
+}
+
+TEST(CliTest, IdsInUpperCaseNameTheCanonicalInstance) {
+  const std::string type = UniqueName("cli-case");
+  const std::string upper = "7E27601D-AC9F-4B00-A5E0-2EBC7DF60293";
+  const std::string canonical = "7e27601d-ac9f-4b00-a5e0-2ebc7df60293";
+  Registered instance({type, "--id", upper, "--name", "cased"});
+  ASSERT_EQ(canonical, instance.Id()) << instance.Stderr();
+
+  const Result get = Korvel({"get", type, upper, "service_name"});
+  EXPECT_EQ(0, get.code) << get.err;
+  EXPECT_EQ("cased\n", get.out);
+  const Result show = Korvel({"show", type, "7e27601D-Ac9f-4B00-a5E0-2ebc7DF60293", "--json"});
+  ASSERT_EQ(0, show.code) << show.err;
+  EXPECT_EQ("cased", Json::parse(show.out).at("service_name"));
+  const Result list = Korvel({"list", type, "--json"});
+  ASSERT_EQ(0, list.code) << list.err;
+  EXPECT_EQ(canonical, Json::parse(list.out).at(0).at("id"));
+
+  const std::string unknown = "ABCDEF00-0000-4000-8000-000000000000";
+  const Result missing = Korvel({"get", type, unknown, "status"});
+  EXPECT_EQ(1, missing.code);
+  EXPECT_TRUE(HasLine(missing.err,
+                      "korvel: no instance abcdef00-0000-4000-8000-000000000000 of "
+                      "type '" +
+                          type + "'"))
+      << missing.err;
 }
 
 }  // namespace
