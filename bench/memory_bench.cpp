@@ -7,6 +7,7 @@
 //
 //   memory_bench HOSTS [--quick] [--json FILE] [--services N] [--cycles N]
 #include <korvel/service.h>
+#include <korvel/tree.h>
 #include <korvel/utils.h>
 #include <logger/logger.h>
 #include <malloc.h>
@@ -96,8 +97,8 @@ int main(int argc, char** argv) {
                     (held.resident - before.resident) / count, 0, "B", Goal{}, 0, "",
                     "RSS delta, " + std::to_string(count) + " held");
 
-  qx::korvel::RecursiveDelete(*conn, "/srv/" + type);
-  qx::korvel::RecursiveDelete(*conn, "/srv/alive/" + type);
+  qx::korvel::RecursiveDelete(*conn, qx::korvel::tree::DataDir(type));
+  qx::korvel::RecursiveDelete(*conn, qx::korvel::tree::AliveDir(type));
   PrintReport(rows, args.json);
   return 0;
 }

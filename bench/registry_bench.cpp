@@ -10,6 +10,7 @@
 //
 //   registry_bench HOSTS [--quick] [--json FILE] [--rounds N] [--only SECTION]
 #include <korvel/service.h>
+#include <korvel/tree.h>
 #include <korvel/utils.h>
 #include <logger/logger.h>
 #include <stdlib.h>
@@ -28,8 +29,11 @@ using namespace korvel::bench;
 using qx::korvel::Connection;
 using qx::korvel::OldServiceWatcher;
 using qx::korvel::Service;
+namespace tree = qx::korvel::tree;
 
 namespace {
+
+const char* const kStatus = tree::kOwnAttributeNames[tree::kStatus];
 
 // ---- Registration and teardown ----------------------------------------------
 
@@ -40,16 +44,16 @@ namespace {
 // deleting them all, and the delete of the liveness node.
 std::array<double, 2> RawRegistration(const RawClient& raw, const std::string& type) {
   const std::string id = NewId();
-  const std::string aliveDir = "/srv/alive/" + type, srvDir = "/srv/" + type;
+  const std::string aliveDir = tree::AliveDir(type), srvDir = tree::DataDir(type);
   const std::string alive = aliveDir + "/" + id, root = srvDir + "/" + id;
   char pid[16];
   std::snprintf(pid, sizeof pid, "%d", static_cast<int>(getpid()));
   const std::pair<std::string, std::string> attributes[] = {
-      {root + "/status", "down"},
-      {root + "/service_name", "bench"},
-      {root + "/hostname", "localhost"},
-      {root + "/pid", pid},
-      {root + "/start_time", "2024-01-01 00:00:00.1"}};
+      {root + "/" + tree::kOwnAttributeNames[tree::kStatus], "down"},
+      {root + "/" + tree::kOwnAttributeNames[tree::kServiceName], "bench"},
+      {root + "/" + tree::kOwnAttributeNames[tree::kHostname], "localhost"},
+      {root + "/" + tree::kOwnAttributeNames[tree::kPid], pid},
+      {root + "/" + tree::kOwnAttributeNames[tree::kStartTime], tree::StartTimeText(0)}};
   zhandle_t* zh = raw.zh();
 
   const auto start = Clock::now();
@@ -107,7 +111,7 @@ void BenchRegistration(const std::shared_ptr<Connection>& conn, const RawClient&
 void BenchList(const std::shared_ptr<Connection>& conn, const RawClient& raw,
                const std::string& type, int instances, int rounds, std::vector<Row>& rows) {
   Progress("listing %d instances, %d rounds", instances, rounds);
-  const std::string aliveDir = "/srv/alive/" + type;
+  const std::string aliveDir = tree::AliveDir(type);
   const OldServiceWatcher watcher(conn, type);  // makes aliveDir
   std::vector<Connection::CreateRequest> nodes;
   for (int i = 0; i < instances; ++i)
@@ -189,7 +193,7 @@ void NaiveDelete(zhandle_t* zh, const std::string& path) {
 void BenchCleanup(const std::shared_ptr<Connection>& conn, const RawClient& raw,
                   const std::string& type, int leftovers, int rounds, std::vector<Row>& rows) {
   Progress("cleanup of %d leftovers, %d rounds", leftovers, rounds);
-  const std::string srvDir = "/srv/" + type, aliveDir = "/srv/alive/" + type;
+  const std::string srvDir = tree::DataDir(type), aliveDir = tree::AliveDir(type);
   auto live = std::make_shared<Service>(conn, type, "live");
   const auto populate = [&] {
     std::vector<Connection::CreateRequest> nodes;
@@ -235,7 +239,7 @@ void BenchCleanup(const std::shared_ptr<Connection>& conn, const RawClient& raw,
 void BenchSubtreeDelete(const std::shared_ptr<Connection>& conn, const RawClient& raw,
                         const std::string& type, int rounds, std::vector<Row>& rows) {
   Progress("RecursiveDelete of one leftover, %d rounds", rounds);
-  const std::string srvDir = "/srv/" + type;
+  const std::string srvDir = tree::DataDir(type);
   qx::korvel::EnsurePath(*conn, srvDir, false, ZOO_OPEN_ACL_UNSAFE);
   const auto populate = [&] {
     std::vector<Connection::CreateRequest> nodes;
@@ -290,7 +294,7 @@ void BenchAttributes(const std::string& hosts, const std::shared_ptr<Connection>
       rounds, rounds / 10,
       [&] {
         return Time([&] {
-          auto [rc, value] = watcher.GetAttribute(id, "status");
+          auto [rc, value] = watcher.GetAttribute(id, kStatus);
           Check(rc, "GetAttribute");
         });
       },
@@ -308,7 +312,7 @@ void BenchAttributes(const std::string& hosts, const std::shared_ptr<Connection>
 
   auto exists = Interleave(
       rounds, rounds / 10,
-      [&] { return Time([&] { Check(watcher.HasAttribute(id, "status"), "HasAttribute"); }); },
+      [&] { return Time([&] { Check(watcher.HasAttribute(id, kStatus), "HasAttribute"); }); },
       [&] {
         return Time([&] {
           Stat stat;
@@ -333,7 +337,7 @@ void BenchAttributes(const std::string& hosts, const std::shared_ptr<Connection>
       rounds / 4, rounds / 40,
       [&] {
         auto [rc, value, handle] =
-            watcher.GetAttribute(id, "status", [&](int, int, std::string) { seen.Mark(); });
+            watcher.GetAttribute(id, kStatus, [&](int, int, std::string) { seen.Mark(); });
         Check(rc, "GetAttribute");
         return change();
       },
@@ -387,7 +391,8 @@ int main(int argc, char** argv) {
 
   std::vector<std::string> made;  // a missing one is no error
   for (const char* suffix : {"-reg", "-list1k", "-list10k", "-clean", "-subtree", "-attr"}) {
-    for (const std::string dir : {"/srv/", "/srv/alive/"}) made.push_back(dir + base + suffix);
+    made.push_back(tree::DataDir(base + suffix));
+    made.push_back(tree::AliveDir(base + suffix));
   }
   qx::korvel::RecursiveDeleteAll(*conn, made);
   PrintReport(rows, args.json);
