@@ -76,15 +76,13 @@ TEST_F(EnsembleTest, ForcedExpiryOnTheEnsembleGivesAWorkingNewSession) {
 TEST_F(EnsembleTest, RegistrationAndCleanupOnTheEnsemble) {
   auto conn = Connect(ensemble->ConnectString(), 4000ms);
   const std::string type = UniqueName("ens-svc");
-  const std::string leftover =
-      "/srv/" + type + "/" + qx::uuid::to_string(qx::korvel::RandomServiceId());
+  const std::string leftover = tree::DataPath(type, qx::korvel::RandomServiceId());
   qx::korvel::EnsurePath(*conn, leftover + "/app/port", false, ZOO_OPEN_ACL_UNSAFE);
 
   auto service = std::make_shared<qx::korvel::Service>(conn, type, "on-ensemble");
   EXPECT_EQ(ZNONODE, conn->Exists(leftover, nullptr));
-  EXPECT_EQ(
-      conn->ClientId().client_id,
-      EphemeralOwner(*conn, "/srv/alive/" + type + "/" + qx::uuid::to_string(service->GetId())));
+  EXPECT_EQ(conn->ClientId().client_id,
+            EphemeralOwner(*conn, tree::AlivePath(type, service->GetId())));
   auto reader = Connect(ensemble->ConnectString(), 4000ms);
   qx::korvel::OldServiceWatcher watcher(reader, type);
   auto [rc, instances] = watcher.List();
@@ -142,7 +140,7 @@ TEST_F(EnsembleTest, ExpiryOnTheEnsembleRegistersTheServiceAgain) {
   auto service = std::make_shared<qx::korvel::Service>(conn, type, "x");
   service->RegisterForSessionEvent();
   service->SetStatus(qx::korvel::Service::UP);
-  const std::string alive = "/srv/alive/" + type + "/" + qx::uuid::to_string(service->GetId());
+  const std::string alive = tree::AlivePath(type, service->GetId());
   const auto old = conn->ClientId().client_id;
   ExpireSession(ensemble->ConnectString(), conn->ClientId());
   ASSERT_TRUE(WaitUntil(

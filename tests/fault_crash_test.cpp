@@ -47,7 +47,7 @@ TEST_F(FaultCrashTest, KilledInstancesLeaveNothingBehindTheNextRegistration) {
         ChildProcess::kStdout, [](const std::string& l) { return IsLine("ready", l); }, 10000ms));
     if (!previous.empty()) {
       ASSERT_TRUE(sessionOver(previous)) << "round " << round;
-      leftovers += NodeExists(*conn, "/srv/" + type + "/" + previous);
+      leftovers += NodeExists(*conn, tree::DataDir(type) + "/" + previous);
     }
     ASSERT_TRUE(child.SendLine("g"));
     const bool killMidway = round % 2 == 1;
@@ -69,7 +69,7 @@ TEST_F(FaultCrashTest, KilledInstancesLeaveNothingBehindTheNextRegistration) {
     previous = id;
   }
   ASSERT_TRUE(sessionOver(previous));
-  leftovers += NodeExists(*conn, "/srv/" + type + "/" + previous);
+  leftovers += NodeExists(*conn, tree::DataDir(type) + "/" + previous);
   {
     Service last(conn, type, "last");
     EXPECT_EQ(std::vector<std::string>{}, check.Leftovers());

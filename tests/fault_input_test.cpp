@@ -76,7 +76,7 @@ class FaultInputTest : public LeakCheckedTest {
     ASSERT_EQ(ZBADARGUMENTS, conn->Exists(std::string("/srv/a\0b", 8), nullptr));
     // Decoys: the nodes that a name cut short at its NUL ("a\0b") would hit.
     for (const std::string& decoy : {std::string("/srv/a/decoy"), std::string("/srv/alive/a"),
-                                     "/srv/" + type + "/a", Root() + "/a"}) {
+                                     tree::DataDir(type) + "/a", Root() + "/a"}) {
       qx::korvel::EnsurePath(*conn, decoy, false, ZOO_OPEN_ACL_UNSAFE);
     }
   }
@@ -94,7 +94,7 @@ class FaultInputTest : public LeakCheckedTest {
   // changed only at or below `allowed`.
   Outcome Run(const std::string& what, const std::function<int()>& call,
               const std::vector<std::string>& allowed = {}) {
-    const TreeSnapshot before = SnapshotTree(*conn, "/srv");
+    const TreeSnapshot before = SnapshotTree(*conn, tree::kDataRoot);
     Outcome outcome;
     try {
       const int rc = call();
@@ -104,9 +104,10 @@ class FaultInputTest : public LeakCheckedTest {
       outcome.error = e.what();
     }
     // A request too large for the server costs the connection, not the session.
-    EXPECT_TRUE(WaitUntil([&] { return conn->Exists("/srv", nullptr) == ZOK; }, 10000ms)) << what;
+    EXPECT_TRUE(WaitUntil([&] { return conn->Exists(tree::kDataRoot, nullptr) == ZOK; }, 10000ms))
+        << what;
     EXPECT_EQ(session, conn->ClientId().client_id) << what;
-    for (const auto& path : ChangedOutside(before, SnapshotTree(*conn, "/srv"), allowed)) {
+    for (const auto& path : ChangedOutside(before, SnapshotTree(*conn, tree::kDataRoot), allowed)) {
       ADD_FAILURE() << what << " changed " << path.substr(0, 200);
     }
     ++calls;
@@ -172,7 +173,7 @@ TEST_F(FaultInputTest, BadTypesAreRefused) {
                     OldServiceWatcher odd(conn, "alive");
                     return ZOK;
                   },
-                  {"/srv/alive/alive"})
+                  {tree::AliveDir("alive")})
                   .ok);
   EXPECT_EQ(ZOK, std::get<0>(watcher->List()));  // the fixture's watcher is unharmed
   EXPECT_EQ(std::vector<std::string>{RegistryCheck::Text(service->GetId())},
@@ -247,7 +248,7 @@ TEST_F(FaultInputTest, ValuesAreStoredAsTheyAreOrRefusedWhenTooLong) {
                       EXPECT_EQ(odd.text, ReadNode(*conn, named.GetRoot() + "/service_name"));
                       return ZOK;
                     },
-                    {"/srv/" + type, "/srv/alive/" + type})
+                    {tree::DataDir(type), tree::AliveDir(type)})
                     .ok)
         << what;
   }
@@ -264,7 +265,7 @@ TEST_F(FaultInputTest, ValuesAreStoredAsTheyAreOrRefusedWhenTooLong) {
                 Service named(conn, type, huge);
                 return ZOK;
               },
-              {"/srv/" + type, "/srv/alive/" + type});
+              {tree::DataDir(type), tree::AliveDir(type)});
   // An out-of-range status publishes "unknown".
   service->SetStatus(static_cast<Service::Status>(7));
   EXPECT_EQ("unknown", ReadNode(*conn, Root() + "/status"));
@@ -273,7 +274,7 @@ TEST_F(FaultInputTest, ValuesAreStoredAsTheyAreOrRefusedWhenTooLong) {
 TEST_F(FaultInputTest, BadPathsAndConnectStringsAreRefused) {
   for (const auto& bad : BadNames()) {
     const std::string what = std::string(bad.label);
-    const std::string absolute = "/srv/" + type + "/" + bad.text;
+    const std::string absolute = tree::DataDir(type) + "/" + bad.text;
     ExpectError("EnsurePath " + what, [&] {
       qx::korvel::EnsurePath(*conn, absolute, false, ZOO_OPEN_ACL_UNSAFE);
       return ZOK;

@@ -145,12 +145,12 @@ class ServicePlatformTest : public ::testing::Test {
     } else {
       unsetenv(kRecipeVar);
     }
-    qx::korvel::RecursiveDelete(*m_conn, "/srv/" + m_type);
-    qx::korvel::RecursiveDelete(*m_conn, "/srv/alive/" + m_type);
+    qx::korvel::RecursiveDelete(*m_conn, tree::DataDir(m_type));
+    qx::korvel::RecursiveDelete(*m_conn, tree::AliveDir(m_type));
   }
 
-  std::string Root() const { return "/srv/" + m_type + "/" + qx::uuid::to_string(m_id); }
-  std::string Alive() const { return "/srv/alive/" + m_type + "/" + qx::uuid::to_string(m_id); }
+  std::string Root() const { return tree::DataPath(m_type, m_id); }
+  std::string Alive() const { return tree::AlivePath(m_type, m_id); }
   int64_t Session() const { return m_conn->ClientId().client_id; }
 
   std::unique_ptr<Service> Register() {

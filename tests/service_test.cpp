@@ -73,16 +73,17 @@ TEST_F(ServiceTest, RegistrationWritesTheTree) {
   LogCapture capture;
   auto service = std::make_shared<Service>(conn, type, "billing-7");
   const std::string id = qx::uuid::to_string(service->GetId());
-  const std::string root = "/srv/" + type + "/" + id;
-  const std::string alive = "/srv/alive/" + type + "/" + id;
+  const std::string root = tree::DataDir(type) + "/" + id;
+  const std::string alive = tree::AliveDir(type) + "/" + id;
   EXPECT_EQ(root, service->GetRoot());
   EXPECT_EQ(conn, service->GetConnection());
 
   EXPECT_EQ(Session(), EphemeralOwner(*conn, alive));
   EXPECT_EQ(0, EphemeralOwner(*conn, root));
-  for (const char* dir : {"/srv", "/srv/alive"}) EXPECT_EQ(0, EphemeralOwner(*conn, dir));
-  EXPECT_EQ(0, EphemeralOwner(*conn, "/srv/" + type));
-  EXPECT_EQ(0, EphemeralOwner(*conn, "/srv/alive/" + type));
+  for (const char* dir : {tree::kDataRoot, tree::kAliveRoot})
+    EXPECT_EQ(0, EphemeralOwner(*conn, dir));
+  EXPECT_EQ(0, EphemeralOwner(*conn, tree::DataDir(type)));
+  EXPECT_EQ(0, EphemeralOwner(*conn, tree::AliveDir(type)));
 
   for (const char* attribute : {"status", "service_name", "hostname", "pid", "start_time"}) {
     EXPECT_EQ(Session(), EphemeralOwner(*conn, root + "/" + attribute)) << attribute;
@@ -126,14 +127,14 @@ TEST_F(ServiceTest, GivenIdentityNamesTheNodes) {
   const auto id = qx::korvel::RandomServiceId();
   auto service = std::make_shared<Service>(conn, type, id, "fixed");
   EXPECT_EQ(id, service->GetId());
-  EXPECT_EQ("/srv/" + type + "/" + qx::uuid::to_string(id), service->GetRoot());
+  EXPECT_EQ(tree::DataPath(type, id), service->GetRoot());
 }
 
 TEST_F(ServiceTest, TypeIsNormalised) {
   auto service = std::make_shared<Service>(conn, "//" + type + "///sub/", "n");
   const std::string id = qx::uuid::to_string(service->GetId());
-  EXPECT_EQ("/srv/" + type + "/sub/" + id, service->GetRoot());
-  EXPECT_TRUE(Exists("/srv/alive/" + type + "/sub/" + id));
+  EXPECT_EQ(tree::DataDir(type) + "/sub/" + id, service->GetRoot());
+  EXPECT_TRUE(Exists(tree::AliveDir(type) + "/sub/" + id));
 }
 
 TEST_F(ServiceTest, TheTypeAliveIsRefused) {
@@ -147,7 +148,7 @@ TEST_F(ServiceTest, TheTypeAliveIsRefused) {
     }
     EXPECT_TRUE(capture.FromSource("korvel.service").empty()) << stype;
   }
-  EXPECT_FALSE(Exists("/srv/alive/alive"));
+  EXPECT_FALSE(Exists(tree::AliveDir("alive")));
   // Only the exact text is refused.
   auto upper = std::make_shared<Service>(conn, "Alive-" + type, "x");
   EXPECT_TRUE(Exists(upper->GetRoot()));
@@ -162,7 +163,7 @@ TEST_F(ServiceTest, CreateOrSetWhoseNodeVanishesBetweenCreateAndSet) {
     return std::optional<int>();
   });
   const auto id = qx::korvel::RandomServiceId();
-  const std::string status = "/srv/" + type + "/" + qx::uuid::to_string(id) + "/status";
+  const std::string status = tree::DataPath(type, id) + "/status";
   const auto records =
       RegisterExpectingError(id, "Failed to set node data: Node was deleted by other process");
   ASSERT_EQ(2u, records.size());
@@ -174,7 +175,7 @@ TEST_F(ServiceTest, CreateOrSetWhoseNodeVanishesBetweenCreateAndSet) {
 TEST_F(ServiceTest, CreateOrSetWithoutParentFailsInCreate) {
   Inject(Connection::Operation::Create, "/status", ZNONODE);
   const auto id = qx::korvel::RandomServiceId();
-  const std::string status = "/srv/" + type + "/" + qx::uuid::to_string(id) + "/status";
+  const std::string status = tree::DataPath(type, id) + "/status";
   const auto records = RegisterExpectingError(id, "Failed to create node");
   ASSERT_EQ(2u, records.size());
   EXPECT_EQ("Failed to create node '" + status + "': " + zerror(ZNONODE), records[1].message);
@@ -199,7 +200,7 @@ TEST_F(ServiceTest, CreateOrSetWhoseSetFailsOtherwiseSaysCreate) {
 TEST_F(ServiceTest, FailureAtPidLeavesTheEarlierNodesOnly) {
   Inject(Connection::Operation::Create, "/pid", ZNOAUTH);
   const auto id = qx::korvel::RandomServiceId();
-  const std::string root = "/srv/" + type + "/" + qx::uuid::to_string(id);
+  const std::string root = tree::DataPath(type, id);
   {
     LogCapture capture;
     EXPECT_THROW(Service(conn, type, id, "named"), KorvelError);
@@ -211,12 +212,12 @@ TEST_F(ServiceTest, FailureAtPidLeavesTheEarlierNodesOnly) {
     EXPECT_FALSE(Exists(root + node)) << node;
   }
   // Nothing was rolled back.
-  EXPECT_TRUE(Exists("/srv/alive/" + type + "/" + qx::uuid::to_string(id)));
+  EXPECT_TRUE(Exists(tree::AlivePath(type, id)));
 }
 
 TEST_F(ServiceTest, ExistingNodesAreOverwrittenAndKeepTheirKind) {
   const auto id = qx::korvel::RandomServiceId();
-  const std::string root = "/srv/" + type + "/" + qx::uuid::to_string(id);
+  const std::string root = tree::DataPath(type, id);
   qx::korvel::EnsurePath(*conn, root, false, ZOO_OPEN_ACL_UNSAFE);
   ASSERT_EQ(ZOK, conn->Create(root + "/status", "old", ZOO_OPEN_ACL_UNSAFE, 0, nullptr));
   for (int i = 0; i < 3; ++i) ASSERT_EQ(ZOK, conn->Set(root + "/status", "older", -1));
@@ -355,8 +356,8 @@ TEST_F(ServiceTest, ChildAttributeFailures) {
 TEST_F(ServiceTest, CleanupRemovesLeftoversOnly) {
   auto service = std::make_shared<Service>(conn, type, "x");
   const std::string own = qx::uuid::to_string(service->GetId());
-  const std::string srv = "/srv/" + type;
-  const std::string alive = "/srv/alive/" + type;
+  const std::string srv = tree::DataDir(type);
+  const std::string alive = tree::AliveDir(type);
   // A stands alive, B crashed with a record below it, C is alive without data.
   ASSERT_EQ(ZOK, conn->Create(srv + "/A", "", ZOO_OPEN_ACL_UNSAFE, 0, nullptr));
   ASSERT_EQ(ZOK, conn->Create(alive + "/A", "", ZOO_OPEN_ACL_UNSAFE, ZOO_EPHEMERAL, nullptr));
@@ -408,11 +409,12 @@ TEST_F(ServiceTest, CleanupOfATypeThatNeverRegisteredDoesNothing) {
 
 TEST_F(ServiceTest, CleanupDeletesAlsoWhenItsRecordIsFilteredOut) {
   auto service = std::make_shared<Service>(conn, type, "x");
-  ASSERT_EQ(ZOK, conn->Create("/srv/" + type + "/crashed", "", ZOO_OPEN_ACL_UNSAFE, 0, nullptr));
+  ASSERT_EQ(ZOK,
+            conn->Create(tree::DataDir(type) + "/crashed", "", ZOO_OPEN_ACL_UNSAFE, 0, nullptr));
   LogLevelScope level(qx::logging::QXLOG_WARNING);
   LogCapture capture;
   service->CleanupCrashedApps(type);
-  EXPECT_FALSE(Exists("/srv/" + type + "/crashed"));
+  EXPECT_FALSE(Exists(tree::DataDir(type) + "/crashed"));
   EXPECT_TRUE(ServiceRecords(capture).empty());
 }
 
@@ -427,10 +429,7 @@ TEST_F(ServiceTest, RegistrationRemovesACrashedInstancesLeftover) {
     crashedRoot = crashed->GetRoot();
     ExpireSession(SharedServer().ConnectString(), crashedConn->ClientId());
     ASSERT_TRUE(WaitUntil(
-        [&] {
-          return conn->Exists("/srv/alive/" + type + "/" + qx::uuid::to_string(crashed->GetId()),
-                              nullptr) == ZNONODE;
-        },
+        [&] { return conn->Exists(tree::AlivePath(type, crashed->GetId()), nullptr) == ZNONODE; },
         10000ms));
   }
   ASSERT_TRUE(Exists(crashedRoot + "/app/port"));
@@ -448,7 +447,7 @@ TEST_F(ServiceTest, RegistrationRemovesACrashedInstancesLeftover) {
 
 TEST_F(ServiceTest, RestartWithTheSameIdentityKeepsItsOwnDataNode) {
   const auto id = qx::korvel::RandomServiceId();
-  const std::string root = "/srv/" + type + "/" + qx::uuid::to_string(id);
+  const std::string root = tree::DataPath(type, id);
   qx::korvel::EnsurePath(*conn, root + "/app/port", false, ZOO_OPEN_ACL_UNSAFE);
   auto service = std::make_shared<Service>(conn, type, id, "again");
   EXPECT_TRUE(Exists(root + "/app/port"));
@@ -458,7 +457,7 @@ TEST_F(ServiceTest, DestructionRemovesTheTreeAndTheLivenessNode) {
   auto service = std::make_shared<Service>(conn, type, "x");
   service->SetChildAttribute("app/one", "port", "1");
   const std::string root = service->GetRoot();
-  const std::string alive = "/srv/alive/" + type + "/" + qx::uuid::to_string(service->GetId());
+  const std::string alive = tree::AlivePath(type, service->GetId());
   LogCapture capture;
   service.reset();
   EXPECT_FALSE(Exists(root));

@@ -12,12 +12,14 @@
 #include <vector>
 
 #include "korvel/connection_v2.h"
+#include "korvel/tree.h"
 #include "logger/logger.h"
 #include "zklocal/zklocal.h"
 
 namespace korvel::test {
 
 using namespace std::chrono_literals;
+namespace tree = qx::korvel::tree;
 using zklocal::ExpireSession;
 using zklocal::FourLetterWord;
 using zklocal::FreeLoopbackPort;
