@@ -84,7 +84,8 @@ class Registered {
  public:
   explicit Registered(const std::vector<std::string>& args,
                       const std::vector<std::string>& globalArgs = {})
-      : m_process(CliPath(), Concat(Concat({"korvel", "--zk", Hosts(), "--session-timeout", "2000"},
+      : m_type(args.at(0)),
+        m_process(CliPath(), Concat(Concat({"korvel", "--zk", Hosts(), "--session-timeout", "2000"},
                                            globalArgs),
                                     Concat({"register"}, args))) {
     const auto line = m_process.WaitForLine(
@@ -94,6 +95,9 @@ class Registered {
 
   // The instance id it printed first; empty if it printed none.
   const std::string& Id() const { return m_id; }
+  // Its data and liveness nodes.
+  std::string DataPath() const { return tree::Below(tree::DataDir(m_type), m_id); }
+  std::string AlivePath() const { return tree::Below(tree::AliveDir(m_type), m_id); }
   ChildProcess& Process() { return m_process; }
   std::string Stderr() const { return m_process.Output(ChildProcess::kStderr); }
 
@@ -114,6 +118,7 @@ class Registered {
   }
 
  private:
+  std::string m_type;
   ChildProcess m_process;
   std::string m_id;
 };
@@ -175,8 +180,8 @@ TEST(CliTest, SigtermRemovesTheInstanceAndExitsZero) {
   Registered instance({type});
   ASSERT_EQ(36u, instance.Id().size()) << instance.Stderr();
   const auto conn = Connect(Hosts());
-  const std::string data = "/srv/" + type + "/" + instance.Id();
-  const std::string alive = "/srv/alive/" + type + "/" + instance.Id();
+  const std::string data = instance.DataPath();
+  const std::string alive = instance.AlivePath();
   ASSERT_EQ(ZOK, conn->Exists(data, nullptr));
 
   instance.Process().Signal(SIGTERM);
@@ -194,10 +199,8 @@ TEST(CliTest, SigkillLeavesALeftoverThatTheNextRegistrationRemoves) {
   EXPECT_EQ(128 + SIGKILL, crashed.Process().Wait(kGrace));
 
   const auto conn = Connect(Hosts());
-  const std::string data = "/srv/" + type + "/" + crashed.Id();
-  ASSERT_TRUE(WaitUntil(
-      [&] { return conn->Exists("/srv/alive/" + type + "/" + crashed.Id(), nullptr) == ZNONODE; },
-      10s))
+  const std::string data = crashed.DataPath();
+  ASSERT_TRUE(WaitUntil([&] { return conn->Exists(crashed.AlivePath(), nullptr) == ZNONODE; }, 10s))
       << "the liveness node outlived the session";
   EXPECT_EQ(ZOK, conn->Exists(data + "/worker-1/port", nullptr));
 
@@ -219,7 +222,7 @@ TEST(CliTest, ExpireSessionReRegistersWithTheStatusGiven) {
       {type, "--status", "up_sending_disabled", "--child-attr", "worker-1:port=8080"});
   ASSERT_EQ(36u, instance.Id().size()) << instance.Stderr();
   const auto conn = Connect(Hosts());
-  const std::string alive = "/srv/alive/" + type + "/" + instance.Id();
+  const std::string alive = instance.AlivePath();
   const int64_t sessionBefore = EphemeralOwner(*conn, alive);
 
   EXPECT_EQ("ok session expired", instance.Command("expire-session"));
@@ -433,8 +436,8 @@ TEST(CliTest, ReadingAnUnknownTypeWritesNothing) {
         << result.err;
   }
   const auto conn = Connect(Hosts());
-  EXPECT_EQ(ZNONODE, conn->Exists("/srv/alive/" + type, nullptr));
-  EXPECT_EQ(ZNONODE, conn->Exists("/srv/" + type, nullptr));
+  EXPECT_EQ(ZNONODE, conn->Exists(tree::AliveDir(type), nullptr));
+  EXPECT_EQ(ZNONODE, conn->Exists(tree::DataDir(type), nullptr));
 }
 
 TEST(CliTest, AliveIsNotAServiceType) {
@@ -446,10 +449,10 @@ TEST(CliTest, AliveIsNotAServiceType) {
     EXPECT_NE(std::string::npos, lines.back().find("'alive'")) << lines.back();
   }
   const auto conn = Connect(Hosts());
-  EXPECT_EQ(ZNONODE, conn->Exists("/srv/alive/alive", nullptr));
+  EXPECT_EQ(ZNONODE, conn->Exists(tree::Below(tree::kAliveRoot, "alive"), nullptr));
   const Result below = Korvel({"list", "alive/x"});
   EXPECT_EQ(1, below.code);
-  EXPECT_EQ(ZNONODE, conn->Exists("/srv/alive/alive", nullptr));
+  EXPECT_EQ(ZNONODE, conn->Exists(tree::Below(tree::kAliveRoot, "alive"), nullptr));
 }
 
 TEST(CliTest, IdsInUpperCaseNameTheCanonicalInstance) {

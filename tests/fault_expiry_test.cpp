@@ -72,7 +72,7 @@ TEST_F(FaultExpiryTest, ExpiryAtEachRequestOfARegistration) {
   const auto requests = RequestsOfARegistration(checker, type);
   ASSERT_GT(requests.size(), 5u);
   const auto listing = std::find(requests.begin(), requests.end(),
-                                 std::pair<Op, std::string>(Op::GetChildren, "/srv/alive/" + type));
+                                 std::pair<Op, std::string>(Op::GetChildren, tree::AliveDir(type)));
   ASSERT_NE(requests.end(), listing);
   const int livenessListing = static_cast<int>(listing - requests.begin()) + 1;
   std::shared_ptr<Service> bystander;  // a live instance of the type in another session
@@ -210,7 +210,7 @@ TEST_F(FaultExpiryTest, ExpiryDuringDestruction) {
       service->RegisterForSessionEvent();
       const ServiceId id = service->GetId();
       service->SetChildAttribute("app", "port", "80");
-      const std::string suffix = point.suffix == "alive" ? AlivePath(type, id)
+      const std::string suffix = point.suffix == "alive" ? tree::AlivePath(type, id)
                                  : point.suffix.empty()  ? service->GetRoot()
                                                          : point.suffix;
       const int64_t old = conn->ClientId().client_id;
@@ -224,7 +224,7 @@ TEST_F(FaultExpiryTest, ExpiryDuringDestruction) {
       // The destroyed service does not register again; the next registration
       // removes what its teardown left.
       std::this_thread::sleep_for(200ms);
-      EXPECT_FALSE(NodeExists(*conn, AlivePath(type, id)));
+      EXPECT_FALSE(NodeExists(*conn, tree::AlivePath(type, id)));
       Service next(conn, type, "next");
       EXPECT_EQ(std::vector<std::string>{}, check.Leftovers()) << point.what;
     }

@@ -148,8 +148,8 @@ TEST(RegistrationStressTest, LiveInstancesStayAndCrashedOnesAreCleanedUp) {
 
   const std::string hosts = SharedServer().ConnectString();
   const std::string type = UniqueName("stress");
-  const std::string srv = "/srv/" + type;
-  const std::string alive = "/srv/alive/" + type;
+  const std::string srv = tree::DataDir(type);
+  const std::string alive = tree::AliveDir(type);
   // Children's session markers: one ephemeral node each.
   const std::string markers = "/korvel-stress/" + type;
   auto checker = Connect(hosts);
@@ -281,8 +281,8 @@ TEST(RegistrationStressTest, LiveInstancesStayAndCrashedOnesAreCleanedUp) {
 TEST(RegistrationCleanupTest, TwoListingsAndOneRecursiveDeletePerLeftover) {
   const std::string hosts = SharedServer().ConnectString();
   const std::string type = UniqueName("cleanup");
-  const std::string srv = "/srv/" + type;
-  const std::string alive = "/srv/alive/" + type;
+  const std::string srv = tree::DataDir(type);
+  const std::string alive = tree::AliveDir(type);
 
   // A live instance of another session, registered first: its own
   // registration would clean up the leftovers.

@@ -32,8 +32,8 @@ using Attributes = std::map<std::string, std::string>;
 using Model = std::map<ServiceId, Attributes>;
 
 // The attributes an instance publishes about itself.
-const std::vector<std::string> kOwnAttributes{"status",     "service_name",     "hostname", "pid",
-                                              "start_time", "chef_recipe_name", "version"};
+const std::vector<std::string> kOwnAttributes(std::begin(tree::kOwnAttributeNames),
+                                              std::end(tree::kOwnAttributeNames));
 
 // Collects the events a cache reports and keeps a model of the instances
 // built from nothing but those events.
@@ -115,13 +115,13 @@ Model ModelOf(const ServiceSnapshot& snapshot) {
 Model ReadTree(Connection& conn, const std::string& type) {
   Model model;
   std::vector<std::string> alive;
-  conn.GetChildren("/srv/alive/" + type, alive);
+  conn.GetChildren(tree::AliveDir(type), alive);
   for (const auto& name : alive) {
     const ServiceId id = boost::lexical_cast<ServiceId>(name);
     Attributes& attributes = model[id];
     for (const std::string& attribute : kOwnAttributes) {
       std::string value;
-      if (conn.Get("/srv/" + type + "/" + name + "/" + attribute, value, nullptr) == ZOK) {
+      if (conn.Get(tree::Below(tree::DataPath(type, id), attribute), value, nullptr) == ZOK) {
         attributes[attribute] = value;
       }
     }
@@ -142,14 +142,14 @@ class ServiceCacheTest : public ::testing::Test {
   // returns its id.
   std::string Publish(const std::vector<std::string>& attributes) {
     const std::string name = qx::uuid::to_string(qx::korvel::RandomServiceId());
-    const std::string root = "/srv/" + type + "/" + name;
+    const std::string root = tree::Below(tree::DataDir(type), name);
     qx::korvel::EnsurePath(*conn, root, false, ZOO_OPEN_ACL_UNSAFE);
-    qx::korvel::EnsurePath(*conn, "/srv/alive/" + type, false, ZOO_OPEN_ACL_UNSAFE);
+    qx::korvel::EnsurePath(*conn, tree::AliveDir(type), false, ZOO_OPEN_ACL_UNSAFE);
     std::vector<Connection::CreateRequest> nodes;
     for (const auto& attribute : attributes) {
       nodes.push_back({root + "/" + attribute, "x", ZOO_EPHEMERAL});
     }
-    nodes.push_back({"/srv/alive/" + type + "/" + name, "", ZOO_EPHEMERAL});
+    nodes.push_back({tree::Below(tree::AliveDir(type), name), "", ZOO_EPHEMERAL});
     for (int rc : conn->CreateAll(nodes, ZOO_OPEN_ACL_UNSAFE)) EXPECT_EQ(ZOK, rc);
     return name;
   }
@@ -232,12 +232,12 @@ TEST_F(ServiceCacheTest, AnInstanceWithoutDataYetFillsInLater) {
   ASSERT_TRUE(cache.WaitUntilCurrent(10000ms));
   const ServiceId id = qx::korvel::RandomServiceId();
   const std::string name = qx::uuid::to_string(id);
-  qx::korvel::EnsurePath(*conn, "/srv/alive/" + type + "/" + name, true, ZOO_OPEN_ACL_UNSAFE);
+  qx::korvel::EnsurePath(*conn, tree::AlivePath(type, id), true, ZOO_OPEN_ACL_UNSAFE);
   ASSERT_TRUE(WaitUntil([&] { return cache.Snapshot()->Find(id) != nullptr; }, 10000ms));
   EXPECT_TRUE(cache.Snapshot()->Find(id)->attributes.empty());
-  qx::korvel::EnsurePath(*conn, "/srv/" + type + "/" + name, false, ZOO_OPEN_ACL_UNSAFE);
-  ASSERT_EQ(ZOK, conn->Create("/srv/" + type + "/" + name + "/status", "up", ZOO_OPEN_ACL_UNSAFE,
-                              ZOO_EPHEMERAL, nullptr));
+  qx::korvel::EnsurePath(*conn, tree::DataPath(type, id), false, ZOO_OPEN_ACL_UNSAFE);
+  ASSERT_EQ(ZOK, conn->Create(tree::OwnAttributePath(tree::DataPath(type, id), tree::kStatus), "up",
+                              ZOO_OPEN_ACL_UNSAFE, ZOO_EPHEMERAL, nullptr));
   ASSERT_TRUE(WaitForModel(cache, ReadTree(*conn, type)));
   EXPECT_EQ("up", *cache.Snapshot()->Find(id)->Attribute("status"));
   EXPECT_EQ(ModelOf(*cache.Snapshot()), recorder.Instances());
@@ -252,7 +252,7 @@ TEST_F(ServiceCacheTest, SurvivesTheLivenessDirectoryBeingDeletedAndMadeAgain) {
   ASSERT_TRUE(WaitForModel(cache, ReadTree(*conn, type)));
   EXPECT_EQ(1u, cache.Snapshot()->instances.size());
   a.reset();
-  qx::korvel::RecursiveDelete(*conn, "/srv/alive/" + type);
+  qx::korvel::RecursiveDelete(*conn, tree::AliveDir(type));
   ASSERT_TRUE(WaitForModel(cache, {}));
   auto b = Register("b");
   ASSERT_TRUE(WaitForModel(cache, ReadTree(*conn, type)));
@@ -345,7 +345,7 @@ TEST_F(ServiceCacheTest, ReadsAFinishedRegistrationOnceAndAnUnfinishedOneOnceMor
   readerConn->SetFaultInjector([&](Connection::Operation op, const std::string& path) {
     if (op == Connection::Operation::Get) {
       std::lock_guard<std::mutex> lock(mutex);
-      ++reads[path.substr(("/srv/" + type + "/").size(), 36)];
+      ++reads[path.substr(tree::DataDir(type).size() + 1, 36)];
     }
     return std::optional<int>();
   });

@@ -44,9 +44,7 @@ class ServiceSessionTest : public ::testing::Test {
 
   std::string Read(const std::string& path) { return ReadNode(*conn, path); }
   bool Exists(const std::string& path) { return NodeExists(*conn, path); }
-  std::string AlivePath(const Service& service) {
-    return "/srv/alive/" + type + "/" + qx::uuid::to_string(service.GetId());
-  }
+  std::string AlivePath(const Service& service) { return tree::AlivePath(type, service.GetId()); }
   // Delivers a session event the way the connection does.
   static void Deliver(Service& service, int type, int state) {
     static_cast<ConnectionObserver&>(service).OnSessionEvent(type, state, "");
@@ -315,7 +313,7 @@ TEST(ServicePauseTest, PausedServerLeavesTheServiceRegistered) {
   service->RegisterForSessionEvent();
   service->SetStatus(Service::UP);
   const auto old = conn->ClientId().client_id;
-  const std::string alive = "/srv/alive/" + type + "/" + qx::uuid::to_string(service->GetId());
+  const std::string alive = tree::AlivePath(type, service->GetId());
 
   LogCapture capture;
   server.Pause();
@@ -332,7 +330,7 @@ TEST(ServicePauseTest, PausedServerLeavesTheServiceRegistered) {
   const bool newSession = conn->ClientId().client_id != old;
   RecordProperty("new_session", newSession ? "yes" : "no");
   std::vector<std::string> instances;
-  ASSERT_EQ(ZOK, conn->GetChildren("/srv/alive/" + type, instances));
+  ASSERT_EQ(ZOK, conn->GetChildren(tree::AliveDir(type), instances));
   EXPECT_EQ(1u, instances.size());
   std::string status;
   ASSERT_EQ(ZOK, conn->Get(service->GetRoot() + "/status", status, nullptr));

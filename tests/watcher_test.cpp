@@ -44,8 +44,8 @@ class WatcherTest : public ::testing::Test {
     type = UniqueName("type");
   }
 
-  std::string AlivePath() const { return "/srv/alive/" + type; }
-  std::string DataPath(const ServiceId& id) const { return "/srv/" + type + "/" + Text(id); }
+  std::string AlivePath() const { return tree::AliveDir(type); }
+  std::string DataPath(const ServiceId& id) const { return tree::DataPath(type, id); }
 
   // An ephemeral liveness node named `name`.
   void AddLiveness(const std::string& name) {

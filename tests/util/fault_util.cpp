@@ -120,7 +120,7 @@ std::vector<std::string> RegistryCheck::LiveProblems() const {
   const std::vector<std::string> listed = LivenessNodes();
   const std::set<std::string> listedSet(listed.begin(), listed.end());
   for (const auto& [id, czxid] : m_live) {
-    const std::string root = "/srv/" + m_type + "/" + id;
+    const std::string root = tree::Below(tree::DataDir(m_type), id);
     Stat stat{};
     if (listedSet.count(id) == 0) problems.push_back(id + " not listed");
     if (m_conn->Exists(root, &stat) != ZOK) {
@@ -137,17 +137,18 @@ std::vector<std::string> RegistryCheck::LiveProblems() const {
 std::vector<std::string> RegistryCheck::Leftovers() const {
   std::vector<std::string> leftovers;
   for (const auto& id : m_crashed) {
-    if (m_conn->Exists("/srv/" + m_type + "/" + id, nullptr) != ZNONODE) leftovers.push_back(id);
+    if (m_conn->Exists(tree::Below(tree::DataDir(m_type), id), nullptr) != ZNONODE)
+      leftovers.push_back(id);
   }
   return leftovers;
 }
 
 std::vector<std::string> RegistryCheck::DataNodes() const {
-  return Children("/srv/" + m_type);
+  return Children(tree::DataDir(m_type));
 }
 
 std::vector<std::string> RegistryCheck::LivenessNodes() const {
-  return Children("/srv/alive/" + m_type);
+  return Children(tree::AliveDir(m_type));
 }
 
 std::vector<std::string> RegistryCheck::Children(const std::string& path) const {
@@ -184,14 +185,10 @@ qx::korvel::Connection::FaultInjector ExpireAtRequest(
   };
 }
 
-std::string AlivePath(const std::string& type, const qx::korvel::ServiceId& id) {
-  return "/srv/alive/" + type + "/" + RegistryCheck::Text(id);
-}
-
 bool OwnedByCurrentSession(const qx::korvel::Service& service, const std::string& type) {
   const auto& conn = service.GetConnection();
   const int64_t session = conn->ClientId().client_id;
-  return EphemeralOwner(*conn, AlivePath(type, service.GetId())) == session &&
+  return EphemeralOwner(*conn, tree::AlivePath(type, service.GetId())) == session &&
          EphemeralOwner(*conn, service.GetRoot() + "/start_time") == session;
 }
 

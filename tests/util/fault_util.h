@@ -157,9 +157,6 @@ qx::korvel::Connection::FaultInjector ExpireAtRequest(
     std::shared_ptr<std::atomic<bool>> fired,
     std::optional<qx::korvel::Connection::Operation> op = std::nullopt, std::string suffix = "");
 
-// The liveness node of instance `id` of `type`.
-std::string AlivePath(const std::string& type, const qx::korvel::ServiceId& id);
-
 // Whether the liveness node and the start time of `service` (of `type`)
 // belong to its connection's current session.
 bool OwnedByCurrentSession(const qx::korvel::Service& service, const std::string& type);
