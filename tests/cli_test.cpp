@@ -9,7 +9,6 @@
 #include <nlohmann/json.hpp>
 #include <regex>
 #include <sstream>
-#include <thread>
 
 #include "child_process.h"
 #include "util/test_util.h"
@@ -255,11 +254,13 @@ TEST(CliTest, StdinCommandsChangeWhatTheInstancePublishes) {
   EXPECT_TRUE(StartsWith(instance.Command("remove worker-1"), "error: "));
   EXPECT_TRUE(StartsWith(instance.Command("frobnicate"), "error: "));
 
-  // The end of stdin does not end the instance; only a signal does.
+  // The end of stdin does not end the instance; only a signal does. A last
+  // command without its newline is answered once the end has been read.
+  ASSERT_TRUE(instance.Process().Send("status up_sending_disabled"));
   instance.Process().CloseStdin();
-  std::this_thread::sleep_for(300ms);
+  EXPECT_EQ("ok status up_sending_disabled", instance.WaitForAnswer());
+  EXPECT_EQ("up_sending_disabled\n", get({"status"}).out);
   EXPECT_TRUE(instance.Process().Running());
-  EXPECT_EQ("up\n", get({"status"}).out);
 }
 
 TEST(CliTest, GetPrintsTheValueAndFailsForWhatIsMissing) {

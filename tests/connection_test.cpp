@@ -182,7 +182,7 @@ TEST_F(ConnectionTest, DataWatchFiresOnceForAChange) {
   ASSERT_EQ(ZOK, conn->Set(node, "2", -1));
   ASSERT_TRUE(log.WaitFor(1));
   ASSERT_EQ(ZOK, conn->Set(node, "3", -1));
-  std::this_thread::sleep_for(300ms);
+  ASSERT_TRUE(AwaitEarlierEvents(*conn));
   ASSERT_EQ(1u, log.Count());
   EXPECT_EQ(std::make_tuple(ZOO_CHANGED_EVENT, ZOO_CONNECTED_STATE, node), log.events[0]);
 }
@@ -221,7 +221,7 @@ TEST_F(ConnectionTest, FailedWatchFormsStillReturnAHandle) {
   EXPECT_FALSE(listHandle.Empty());
   // Neither set a watch: creating the node calls nothing.
   ASSERT_EQ(ZOK, conn->Create(base + "/missing", "", ZOO_OPEN_ACL_UNSAFE, 0, nullptr));
-  std::this_thread::sleep_for(300ms);
+  ASSERT_TRUE(AwaitEarlierEvents(*conn));
   EXPECT_EQ(0u, log.Count());
 }
 
@@ -239,7 +239,7 @@ TEST_F(ConnectionTest, NoCallbackAfterTheHandleIsGone) {
   EXPECT_FALSE(cancelled.Cancel(nullptr));  // not running: nothing deferred
   EXPECT_TRUE(cancelled.Empty());
   ASSERT_EQ(ZOK, conn->Set(node, "changed", -1));
-  std::this_thread::sleep_for(300ms);
+  ASSERT_TRUE(AwaitEarlierEvents(*conn));
   EXPECT_EQ(0u, log.Count());
 }
 
@@ -271,7 +271,7 @@ TEST_F(ConnectionTest, MoveAssignmentCancelsTheOverwrittenWatch) {
   ASSERT_EQ(ZOK, conn->Set(first, "x", -1));
   ASSERT_EQ(ZOK, conn->Set(second, "x", -1));
   EXPECT_TRUE(secondLog.WaitFor(1));
-  std::this_thread::sleep_for(200ms);
+  ASSERT_TRUE(AwaitEarlierEvents(*conn));
   EXPECT_EQ(0u, firstLog.Count());
 }
 
@@ -360,7 +360,7 @@ TEST_F(ConnectionTest, CancellationRacingTheCallbackNeverRunsItLate) {
     }
     change.join();
   }
-  std::this_thread::sleep_for(200ms);
+  ASSERT_TRUE(AwaitEarlierEvents(*conn));
   EXPECT_EQ(0, late.load());
   RecordProperty("callbacks_that_ran", ran.load());
   RecordProperty("cancelled_while_running", cancelledWhileRunning);
@@ -393,9 +393,10 @@ TEST_F(ConnectionTest, ClosingRemovesEphemeralNodesAndDropsPendingWatches) {
         base, value, [&](int, int, std::string) { calls++; }, nullptr);
     ASSERT_EQ(ZOK, rc);
     closing.reset();  // the handle outlives its connection
+    // Its ephemeral node is gone: the server ended the session, so no
+    // notification can reach it any more.
     EXPECT_EQ(ZNONODE, conn->Exists(node, nullptr));
     ASSERT_EQ(ZOK, conn->Set(base, "changed", -1));
-    std::this_thread::sleep_for(300ms);
   }
   EXPECT_EQ(0, calls.load());
 }
@@ -486,7 +487,7 @@ TEST_F(ConnectionTest, GetAllSetsAWatchOnEachExistingNode) {
   ASSERT_EQ(ZOK, conn->Create(base + "/none", "", ZOO_OPEN_ACL_UNSAFE, 0, nullptr));
   ASSERT_EQ(ZOK, conn->Set(base + "/x", "2", -1));
   ASSERT_TRUE(log.WaitFor(2));
-  std::this_thread::sleep_for(200ms);
+  ASSERT_TRUE(AwaitEarlierEvents(*conn));
   ASSERT_EQ(2u, log.Count());
   EXPECT_EQ(std::make_tuple(ZOO_CHANGED_EVENT, ZOO_CONNECTED_STATE, base + "/y"), log.events[0]);
   EXPECT_EQ(std::make_tuple(ZOO_CHANGED_EVENT, ZOO_CONNECTED_STATE, base + "/x"), log.events[1]);
@@ -524,7 +525,7 @@ TEST_F(ConnectionTest, RemoveWatchesRemovesThemFromTheServer) {
   EXPECT_TRUE(WaitUntil([&] { return ServerWatchCount() == before; }, 2000ms));
   for (const auto& path : paths) ASSERT_EQ(ZOK, conn->Set(path, "changed", -1));
   ASSERT_EQ(ZOK, conn->Create(base + "/new", "", ZOO_OPEN_ACL_UNSAFE, 0, nullptr));
-  std::this_thread::sleep_for(300ms);
+  ASSERT_TRUE(AwaitEarlierEvents(*conn));
   EXPECT_EQ(0u, log.Count());
 }
 

@@ -9,7 +9,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <thread>
 
 #include "korvel/error.h"
 #include "korvel/service.h"
@@ -222,8 +221,9 @@ TEST_F(FaultExpiryTest, ExpiryDuringDestruction) {
       ASSERT_TRUE(WaitForNewSession(*conn, old)) << point.what;
       check.AddCrashed(id);
       // The destroyed service does not register again; the next registration
-      // removes what its teardown left.
-      std::this_thread::sleep_for(200ms);
+      // removes what its teardown left. A re-registration would have run on
+      // the event thread before the control watch.
+      ASSERT_TRUE(AwaitEarlierEvents(*conn)) << point.what;
       EXPECT_FALSE(NodeExists(*conn, tree::AlivePath(type, id)));
       Service next(conn, type, "next");
       EXPECT_EQ(std::vector<std::string>{}, check.Leftovers()) << point.what;

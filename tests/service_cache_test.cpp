@@ -349,13 +349,19 @@ TEST_F(ServiceCacheTest, ReadsAFinishedRegistrationOnceAndAnUnfinishedOneOnceMor
     }
     return std::optional<int>();
   });
+  const auto readsOf = [&](const std::string& name) {
+    std::lock_guard<std::mutex> lock(mutex);
+    return reads[name];
+  };
   ServiceCache cache(readerConn, type);
   cache.Start();
   ASSERT_TRUE(cache.WaitUntilCurrent(10000ms));
-  std::this_thread::sleep_for(1000ms);  // well past any re-read the cache plans
+  ASSERT_TRUE(WaitUntil([&] { return readsOf(unfinished) >= 14; }, 10000ms));
+  // A new instance is listed and read alone: the others are not read again.
+  const std::string added = Publish(kOwnAttributes);
+  ASSERT_TRUE(WaitForModel(cache, ReadTree(*conn, type)));
   std::lock_guard<std::mutex> lock(mutex);
-  EXPECT_EQ(reads, (std::map<std::string, int>{{finished, 7}, {unfinished, 14}}));
-  EXPECT_EQ(ModelOf(*cache.Snapshot()), ReadTree(*conn, type));
+  EXPECT_EQ(reads, (std::map<std::string, int>{{finished, 7}, {unfinished, 14}, {added, 7}}));
 }
 
 TEST_F(ServiceCacheTest, DestroyedOnTheEventThreadWhileItReads) {
@@ -393,7 +399,9 @@ TEST_F(ServiceCacheTest, AListenerMayChangeTheListenersAndDestroyTheCache) {
   auto cache = std::make_unique<ServiceCache>(conn, type);
   std::atomic<int> calls{0};
   std::atomic<bool> destroyed{false};
-  cache->AddListener([&](const ServiceCacheEvent&) {
+  auto held = std::make_shared<int>();  // lives as long as the cache keeps the listener
+  const std::weak_ptr<int> heldByTheCache = held;
+  cache->AddListener([&, held = std::move(held)](const ServiceCacheEvent&) {
     ++calls;
     const int other = cache->AddListener([](const ServiceCacheEvent&) {});
     cache->RemoveListener(other);
@@ -402,7 +410,8 @@ TEST_F(ServiceCacheTest, AListenerMayChangeTheListenersAndDestroyTheCache) {
   });
   cache->Start();
   ASSERT_TRUE(WaitUntil([&] { return destroyed.load(); }, 10000ms));
-  std::this_thread::sleep_for(300ms);
+  // The cache's thread lets go of its listeners when it ends: none is called after.
+  ASSERT_TRUE(WaitUntil([&] { return heldByTheCache.expired(); }, 10000ms));
   EXPECT_EQ(1, calls);  // the first of the events (a, b, current): none after
 }
 
@@ -410,9 +419,11 @@ TEST_F(ServiceCacheTest, NoListenerCallAfterDestruction) {
   auto a = Register("a");
   std::atomic<bool> destroyed{false};
   std::atomic<int> late{0};
+  auto held = std::make_shared<int>();  // lives as long as the cache keeps the listener
+  const std::weak_ptr<int> heldByTheCache = held;
   {
     ServiceCache cache(conn, type);
-    cache.AddListener([&](const ServiceCacheEvent&) {
+    cache.AddListener([&, held = std::move(held)](const ServiceCacheEvent&) {
       if (destroyed) late++;
       std::this_thread::sleep_for(1ms);
     });
@@ -422,7 +433,8 @@ TEST_F(ServiceCacheTest, NoListenerCallAfterDestruction) {
   }
   destroyed = true;
   for (int i = 0; i < 5; ++i) a->SetStatus(i % 2 ? Service::UP : Service::DOWN);
-  std::this_thread::sleep_for(300ms);
+  // Once the cache has let go of its listeners, none can be called.
+  ASSERT_TRUE(WaitUntil([&] { return heldByTheCache.expired(); }, 10000ms));
   EXPECT_EQ(0, late.load());
 }
 

@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <condition_variable>
-#include <thread>
 
 #include "korvel/connection_v2.h"
 #include "util/test_util.h"
@@ -97,7 +96,7 @@ TEST(SessionTest, ForcedExpiryOpensANewSessionByItself) {
   // Each pending watch got the expiry once, and nothing more after changes.
   ASSERT_EQ(ZOK, conn->Set(node, "changed", -1));
   ASSERT_EQ(ZOK, conn->Create(node + "/not-yet", "", ZOO_OPEN_ACL_UNSAFE, 0, nullptr));
-  std::this_thread::sleep_for(300ms);
+  ASSERT_TRUE(AwaitEarlierEvents(*conn));
   {
     std::lock_guard<std::mutex> lock(mutex);
     ASSERT_EQ(2u, watchEvents.size());

@@ -7,7 +7,6 @@
 #include <boost/uuid/uuid_io.hpp>
 #include <cctype>
 #include <condition_variable>
-#include <thread>
 
 #include "korvel/service.h"
 #include "korvel/utils.h"
@@ -175,7 +174,7 @@ TEST_F(WatcherTest, ListWatchFiresOnceWhenAnInstanceAppears) {
   ASSERT_TRUE(log.WaitFor(1));
   EXPECT_EQ(std::make_tuple(ZOO_CHILD_EVENT, ZOO_CONNECTED_STATE, AlivePath()), log.First());
   AddLiveness(Text(qx::korvel::RandomServiceId()));
-  std::this_thread::sleep_for(300ms);
+  ASSERT_TRUE(AwaitEarlierEvents(*conn));
   EXPECT_EQ(1u, log.Count());
 }
 
@@ -190,7 +189,7 @@ TEST_F(WatcherTest, ListWatchDoesNotFireAfterItsHandleIsGone) {
   auto [rc, ids, handle] = watcher.List(control.Callback());
   AddLiveness(Text(qx::korvel::RandomServiceId()));
   ASSERT_TRUE(control.WaitFor(1));
-  std::this_thread::sleep_for(300ms);
+  ASSERT_TRUE(AwaitEarlierEvents(*conn));
   EXPECT_EQ(0u, dropped.Count());
 }
 
@@ -268,7 +267,7 @@ TEST_F(AttributeTest, NameWithALeadingSlashIsRefused) {
   ASSERT_EQ(ZOK, conn->Set(DataPath(id) + "/status", "changed", -1));
   Put(DataPath(id) + "/version", "1.0");
   ASSERT_TRUE(control.WaitFor(1));
-  std::this_thread::sleep_for(300ms);
+  ASSERT_TRUE(AwaitEarlierEvents(*conn));
   EXPECT_EQ(0u, log.Count());
   EXPECT_TRUE(KorvelRecords(capture).empty());
 }
@@ -303,7 +302,7 @@ TEST_F(AttributeTest, GetAttributeWatchFiresOnceOnAChange) {
   EXPECT_EQ(std::make_tuple(ZOO_CHANGED_EVENT, ZOO_CONNECTED_STATE, DataPath(id) + "/status"),
             log.First());
   ASSERT_EQ(ZOK, conn->Set(DataPath(id) + "/status", "stopped", -1));
-  std::this_thread::sleep_for(300ms);
+  ASSERT_TRUE(AwaitEarlierEvents(*conn));
   EXPECT_EQ(1u, log.Count());
 }
 
@@ -349,7 +348,7 @@ TEST_F(AttributeTest, NoAttributeWatchFiresAfterItsHandleIsGone) {
   ASSERT_EQ(ZOK, conn->Set(DataPath(id) + "/status", "changed", -1));
   Put(DataPath(id) + "/version", "1.0");
   ASSERT_TRUE(control.WaitFor(3));
-  std::this_thread::sleep_for(300ms);
+  ASSERT_TRUE(AwaitEarlierEvents(*conn));
   EXPECT_EQ(0u, dropped.Count());
 }
 

@@ -76,6 +76,19 @@ std::tuple<int, int, std::string> EventLog::First() {
   return events.at(0);
 }
 
+bool AwaitEarlierEvents(qx::korvel::Connection& conn) {
+  const std::string control = "/" + UniqueName("control");
+  EventLog log;
+  auto [rc, handle] = conn.Exists(control, log.Callback(), nullptr);
+  if (rc != ZNONODE ||
+      conn.Create(control, "", ZOO_OPEN_ACL_UNSAFE, ZOO_EPHEMERAL, nullptr) != ZOK) {
+    return false;
+  }
+  const bool delivered = log.WaitFor(1);
+  conn.Delete(control, -1);
+  return delivered;
+}
+
 LogCapture::LogCapture() {
   m_handlerId = qx::logging::AddLogHandler([this](const qx::logging::LogRecord& record) {
     std::lock_guard<std::mutex> lock(m_mutex);

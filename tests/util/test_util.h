@@ -73,6 +73,13 @@ struct EventLog {
   std::tuple<int, int, std::string> First();
 };
 
+// Returns once `conn` has delivered every watch and session event that the
+// server sent it before this call: it watches a control node, creates it, and
+// waits for that watch, which the server notifies after all earlier events and
+// the connection delivers in order. A test that checks that something did not
+// happen calls it first. False if the control watch did not fire in time.
+bool AwaitEarlierEvents(qx::korvel::Connection& conn);
+
 // Sets the minimum log level for its lifetime.
 class LogLevelScope {
  public:
