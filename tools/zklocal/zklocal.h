@@ -23,6 +23,7 @@
 #include <zookeeper/zookeeper.h>
 
 #include <chrono>
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <string>
