@@ -67,8 +67,6 @@ class Connection : public ObservableImpl<ConnectionObserver> {
 
    private:
     friend class Connection;
-    // Runs the callback unless the watch was cancelled. Event thread only.
-    void Invoke(int type, int state, const String& path);
 
     const Connection& m_conn;
     WatchFunction m_func;
@@ -202,6 +200,8 @@ class Connection : public ObservableImpl<ConnectionObserver> {
 
  private:
   class Impl;
+  class SessionKeeper;
+  class WatchRegistry;
   std::unique_ptr<Impl> m_impl;
 };
 
