@@ -2,7 +2,6 @@
 // built on them, against real servers.
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <sys/wait.h>
 #include <unistd.h>
 #include <zookeeper/zookeeper.h>
 
@@ -121,10 +120,12 @@ TEST(ZooKeeperServerTest, StartsServesAndCleansUp) {
 
 TEST(ZooKeeperServerTest, StartingRemovesTheDirectoriesOfDeadOwners) {
   // The directory a killed owner left, and one of a live owner.
-  const pid_t dead = fork();
-  if (dead == 0) _exit(0);
-  ASSERT_GT(dead, 0);
-  ASSERT_EQ(dead, waitpid(dead, nullptr, 0));
+  pid_t dead;
+  {
+    ::korvel::process::ChildProcess ended("/bin/true", {"true"});
+    ASSERT_EQ(0, ended.Wait(10s));
+    dead = ended.Pid();
+  }
   const char* tmp = getenv("TMPDIR");
   const std::filesystem::path temp = tmp && *tmp ? tmp : "/tmp";
   const auto leftover = temp / ("korvel-zk-dead" + std::to_string(dead));
