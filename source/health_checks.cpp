@@ -1,0 +1,124 @@
+// The ready-made health checks: a TCP connect and an HTTP GET. Each keeps to
+// the timeout it is given.
+#include <fcntl.h>
+#include <netdb.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <httplib.h>
+#include <regex>
+#include <stdexcept>
+
+#include "korvel/health.h"
+
+namespace qx::korvel {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+struct Endpoint {
+  String host;  // without the brackets of an IPv6 address
+  String port;
+};
+
+// "host:port" or "[v6]:port", the port from 1 to 65535.
+std::optional<Endpoint> ParseEndpoint(const String& text) {
+  static const std::regex pattern(R"(^(?:\[([0-9A-Fa-f:.]+)\]|([^\[\]:/\s]+)):([0-9]{1,5})$)");
+  std::smatch match;
+  if (!std::regex_match(text, match, pattern)) return std::nullopt;
+  const int port = std::stoi(match[3]);
+  if (port < 1 || port > 65535) return std::nullopt;
+  return Endpoint{match[1].matched ? match[1].str() : match[2].str(), match[3]};
+}
+
+// Connects to one address within `deadline`: 0 on success, else an errno value.
+int ConnectBefore(const addrinfo& address, Clock::time_point deadline) {
+  const int fd = socket(address.ai_family, address.ai_socktype | SOCK_NONBLOCK | SOCK_CLOEXEC,
+                        address.ai_protocol);
+  if (fd < 0) return errno;
+  int error = 0;
+  if (connect(fd, address.ai_addr, address.ai_addrlen) != 0) {
+    error = errno;
+    if (error == EINPROGRESS) {
+      pollfd pending{fd, POLLOUT, 0};
+      int ready;
+      do {
+        const auto left =
+            std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
+        ready = poll(&pending, 1, static_cast<int>(std::max<long>(0, left.count())));
+      } while (ready < 0 && errno == EINTR);
+      socklen_t size = sizeof error;
+      if (ready == 0) {
+        error = ETIMEDOUT;
+      } else if (ready < 0 || getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &size) != 0) {
+        error = errno;
+      }
+    }
+  }
+  close(fd);
+  return error;
+}
+
+CheckResult Connect(const Endpoint& endpoint, std::chrono::milliseconds timeout) {
+  const auto deadline = Clock::now() + timeout;
+  addrinfo hints{};
+  hints.ai_socktype = SOCK_STREAM;
+  addrinfo* addresses = nullptr;
+  const int resolved =
+      getaddrinfo(endpoint.host.c_str(), endpoint.port.c_str(), &hints, &addresses);
+  if (resolved != 0) return {false, "cannot resolve " + endpoint.host + ": " + gai_strerror(resolved)};
+  int error = ETIMEDOUT;
+  for (const addrinfo* a = addresses; a != nullptr && Clock::now() < deadline; a = a->ai_next) {
+    error = ConnectBefore(*a, deadline);
+    if (error == 0) break;
+  }
+  freeaddrinfo(addresses);
+  const String where = endpoint.host + ":" + endpoint.port;
+  if (error == 0) return {true, "connected to " + where};
+  return {false, "cannot connect to " + where + ": " + std::strerror(error)};
+}
+
+}  // namespace
+
+HealthCheck TcpCheck(String name, String address) {
+  const auto endpoint = ParseEndpoint(address);
+  if (!endpoint) {
+    throw std::invalid_argument("bad address '" + address + "': expected HOST:PORT");
+  }
+  return {std::move(name),
+          [endpoint = *endpoint](std::chrono::milliseconds timeout) {
+            return Connect(endpoint, timeout);
+          }};
+}
+
+HealthCheck HttpCheck(String name, String url) {
+  // scheme://host[:port] and the rest, which is the request's target.
+  static const std::regex pattern(R"(^(https?://(?:\[[0-9A-Fa-f:.]+\]|[^\[\]:/?#\s]+)(?::[0-9]{1,5})?)([/?][^\s#]*)?$)");
+  std::smatch match;
+  if (!std::regex_match(url, match, pattern)) {
+    throw std::invalid_argument("bad URL '" + url + "': expected http://HOST[:PORT][/PATH]");
+  }
+  const String origin = match[1];
+  const String target = match[2].matched ? match[2].str() : "/";
+  return {std::move(name), [origin, target](std::chrono::milliseconds timeout) -> CheckResult {
+            httplib::Client client(origin);
+            const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(timeout);
+            const auto micros =
+                std::chrono::duration_cast<std::chrono::microseconds>(timeout - seconds);
+            client.set_connection_timeout(seconds.count(), micros.count());
+            client.set_read_timeout(seconds.count(), micros.count());
+            client.set_write_timeout(seconds.count(), micros.count());
+            const auto response = client.Get(target);
+            if (!response) {
+              return {false, "GET " + origin + target + ": " + httplib::to_string(response.error())};
+            }
+            String status = "HTTP " + std::to_string(response->status);
+            if (!response->reason.empty()) status += " " + response->reason;
+            return {response->status >= 200 && response->status < 300, status};
+          }};
+}
+
+}  // namespace qx::korvel
