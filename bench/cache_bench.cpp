@@ -24,7 +24,7 @@
 #include <thread>
 
 #include "bench_util.h"
-#include "child_process.h"
+#include "process/child_process.h"
 #include "zklocal/zklocal.h"
 
 using namespace std::chrono_literals;
@@ -127,10 +127,10 @@ double FreshCacheColdBuild(const std::string& hosts, const std::string& type) {
 double ListCommand(const std::string& korvel, const std::string& hosts, const std::string& type,
                    std::size_t expected) {
   const auto start = Clock::now();
-  korvel::cli::ChildProcess list(korvel, {korvel, "--zk", hosts, "list", type, "--json"});
+  korvel::process::ChildProcess list(korvel, {korvel, "--zk", hosts, "list", type, "--json"});
   const auto status = list.Wait(120s);
   const double seconds = Seconds(Clock::now() - start);
-  using Stream = korvel::cli::ChildProcess::Stream;
+  using Stream = korvel::process::ChildProcess::Stream;
   if (status != 0) {
     throw std::runtime_error("korvel list failed: " + list.Output(Stream::kStderr));
   }

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Runs the benchmark suite: builds it, starts a local ZooKeeper server the way
-# the tests do (tools/zklocal, through bench/zk_serve; its JVM with the full
+# the tests do (tools/zklocal, through korvel-zk-local; its JVM with the full
 # JIT), runs the micro-benchmarks and the macro benchmarks against it, and
 # prints one table, also written as JSON. Nothing is left running.
 #
@@ -23,7 +23,7 @@ markdown=()
 build=build
 compile=1
 hosts=
-server_flags=()
+server_flags=(--full-jit)
 server_text="full JIT"
 while [ $# -gt 0 ]; do
   case $1 in
@@ -33,7 +33,8 @@ while [ $# -gt 0 ]; do
     --build) build=$2; shift ;;
     --no-build) compile=0 ;;
     --hosts) hosts=$2; server_text="given"; shift ;;
-    --quick-start-server) server_flags=(--quick-start); server_text="JIT tier 1 only" ;;
+    --quick-start-server) server_flags=(); server_text="JIT tier 1 only" ;;
+    -h|--help) sed -n '2,/^set -euo/{/^#/s/^# \{0,1\}//p}' "$0"; exit 0 ;;
     *) echo "run.sh: unknown argument '$1'" >&2; exit 2 ;;
   esac
   shift
@@ -41,7 +42,9 @@ done
 
 if [ $compile = 1 ]; then
   bash scripts/install-deps.sh
-  [ -f "$build/CMakeCache.txt" ] || cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+  new_build=()
+  [ -f "$build/CMakeCache.txt" ] || new_build=(-DCMAKE_BUILD_TYPE=RelWithDebInfo)
+  cmake -S . -B "$build" "${new_build[@]}" -DKORVEL_BUILD_BENCHMARKS=ON >/dev/null
   cmake --build "$build" -j"$(nproc)" --target korvel_benchmarks
 fi
 bin=$build/bench
@@ -49,7 +52,7 @@ work=$(mktemp -d "${TMPDIR:-/tmp}/korvel-bench.XXXXXX")
 server=
 cleanup() {
   if [ -n "$server" ]; then
-    exec 3>&-  # the server stops when its input closes
+    kill "$server" 2>/dev/null || true  # it stops the server and removes its data
     wait "$server" || true
   fi
   rm -rf "$work"
@@ -59,11 +62,11 @@ trap 'exit 130' INT TERM
 load_before=$(cut -d' ' -f1-3 /proc/loadavg)
 
 if [ -z "$hosts" ]; then
-  mkfifo "$work/server.in"
-  "$bin/zk_serve" "${server_flags[@]}" <"$work/server.in" >"$work/server.out" 2>"$work/server.err" &
+  # Bounded: it stops by itself after an hour.
+  "$build/tools/korvel-zk-local" "${server_flags[@]}" --lifetime 3600 \
+    >"$work/server.out" 2>"$work/server.err" &
   server=$!
-  exec 3>"$work/server.in"
-  for _ in $(seq 900); do  # zk_serve gives up by itself within 90 s
+  for _ in $(seq 900); do  # it gives up by itself within 90 s
     if [ -s "$work/server.out" ] || ! kill -0 "$server" 2>/dev/null; then break; fi
     sleep 0.1
   done

@@ -10,13 +10,13 @@
 #include <regex>
 #include <sstream>
 
-#include "child_process.h"
+#include "process/child_process.h"
 #include "util/test_util.h"
 
 namespace korvel::test {
 namespace {
 
-using cli::ChildProcess;
+using process::ChildProcess;
 using Json = nlohmann::json;
 
 constexpr auto kCommandTimeout = 20s;

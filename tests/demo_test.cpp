@@ -9,11 +9,11 @@
 #include <iostream>
 #include <regex>
 
-#include "child_process.h"
+#include "process/child_process.h"
 
 namespace {
 
-using korvel::cli::ChildProcess;
+using korvel::process::ChildProcess;
 using namespace std::chrono_literals;
 
 std::string CliPath() {

@@ -9,14 +9,14 @@
 #include <cstdio>
 #include <thread>
 
-#include "child_process.h"
 #include "korvel/service.h"
+#include "process/child_process.h"
 #include "util/fault_util.h"
 
 namespace korvel::test {
 namespace {
 
-using korvel::cli::ChildProcess;
+using korvel::process::ChildProcess;
 using qx::korvel::OldServiceWatcher;
 
 constexpr int kProcesses = 4;

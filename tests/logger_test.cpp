@@ -1,10 +1,6 @@
 // Unit tests of the logging facade (QXLOG, Logger) and the logging service
 // behind it (levels, handlers, the default stderr handler, sources).
 #include <gtest/gtest.h>
-#include <signal.h>
-#include <sys/types.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <chrono>
 #include <cstdio>
@@ -19,6 +15,7 @@
 #include <vector>
 
 #include "logger/logger.h"
+#include "process/child_process.h"
 #include "util/test_util.h"
 
 extern char** environ;
@@ -390,23 +387,9 @@ struct ChildResult {
   std::string err;
 };
 
-std::string ReadAll(std::FILE* file) {
-  std::string text;
-  std::rewind(file);
-  char buf[4096];
-  for (std::size_t n; (n = std::fread(buf, 1, sizeof buf, file)) > 0;) text.append(buf, n);
-  return text;
-}
-
 // Runs this test binary again with KORVEL_LOG_LEVEL set to `level` (unset if
 // null) and waits at most 30 s for it.
 ChildResult RunChild(const char* level) {
-  ChildResult result;
-  char self[4096];
-  const ssize_t len = ::readlink("/proc/self/exe", self, sizeof self - 1);
-  if (len <= 0) return result;
-  self[len] = '\0';
-
   std::vector<std::string> env;
   for (char** e = environ; *e != nullptr; ++e) {
     const std::string entry = *e;
@@ -415,41 +398,17 @@ ChildResult RunChild(const char* level) {
   }
   env.push_back(std::string(kChildEnv) + "=1");
   if (level != nullptr) env.push_back(std::string("KORVEL_LOG_LEVEL=") + level);
-  std::vector<char*> envp;
-  for (auto& entry : env) envp.push_back(entry.data());
-  envp.push_back(nullptr);
-  std::string filter = "--gtest_filter=LoggerChild.PrintMinimumLevel";
-  char* argv[] = {self, filter.data(), nullptr};
-
-  std::FILE* out = std::tmpfile();
-  std::FILE* err = std::tmpfile();
-  if (out == nullptr || err == nullptr) return result;
-  std::fflush(nullptr);
-  const pid_t pid = ::fork();
-  if (pid == 0) {
-    ::dup2(::fileno(out), STDOUT_FILENO);
-    ::dup2(::fileno(err), STDERR_FILENO);
-    ::execve(self, argv, envp.data());
-    ::_exit(127);
-  }
-  if (pid > 0) {
-    int status = 0;
-    pid_t done = 0;
-    for (int i = 0; i < 3000 && (done = ::waitpid(pid, &status, WNOHANG)) == 0; ++i) {
-      std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    if (done == 0) {
-      ::kill(pid, SIGKILL);
-      ::waitpid(pid, &status, 0);
-    } else if (done == pid && WIFEXITED(status)) {
-      result.exited = true;
-      result.status = WEXITSTATUS(status);
-    }
-    result.out = ReadAll(out);
-    result.err = ReadAll(err);
-  }
-  std::fclose(out);
-  std::fclose(err);
+  korvel::process::SpawnOptions options;
+  options.environment = env;
+  const std::string self = "/proc/self/exe";
+  korvel::process::ChildProcess child(self, {self, "--gtest_filter=LoggerChild.PrintMinimumLevel"},
+                                      options);
+  ChildResult result;
+  const std::optional<int> status = child.Wait(std::chrono::seconds(30));
+  result.exited = status && *status < 128;
+  result.status = status.value_or(-1);
+  result.out = child.Output(korvel::process::ChildProcess::kStdout);
+  result.err = child.Output(korvel::process::ChildProcess::kStderr);
   return result;
 }
 

@@ -4,11 +4,7 @@
 // killed with SIGKILL. Live instances must keep their nodes; what a crashed
 // instance left must be gone once a later registration has cleaned up.
 // Also counts the requests the cleanup makes.
-#include <fcntl.h>
-#include <poll.h>
 #include <signal.h>
-#include <sys/prctl.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <deque>
@@ -23,6 +19,7 @@
 
 #include "korvel/service.h"
 #include "korvel/utils.h"
+#include "process/child_process.h"
 #include "stlext/uuid.h"
 #include "util/test_util.h"
 
@@ -45,84 +42,22 @@ constexpr auto kTimeBudget = 40s;          // no new round starts after this
 // when the object goes (and by the kernel if this thread dies first).
 class Child {
  public:
-  explicit Child(const std::vector<std::string>& args) {
-    std::vector<char*> argv;
-    for (const auto& arg : args) argv.push_back(const_cast<char*>(arg.c_str()));
-    argv.push_back(nullptr);
-    int in[2];
-    int out[2];
-    if (pipe2(in, O_CLOEXEC) != 0) throw std::runtime_error("pipe2 failed");
-    if (pipe2(out, O_CLOEXEC) != 0) {
-      close(in[0]);
-      close(in[1]);
-      throw std::runtime_error("pipe2 failed");
-    }
-    const pid_t parent = getpid();
-    m_pid = fork();
-    if (m_pid == 0) {
-      // Async-signal-safe calls only until exec.
-      prctl(PR_SET_PDEATHSIG, SIGKILL);
-      if (getppid() != parent) _exit(126);
-      dup2(in[0], STDIN_FILENO);
-      dup2(out[1], STDOUT_FILENO);
-      execv(argv[0], argv.data());
-      _exit(127);
-    }
-    close(in[0]);
-    close(out[1]);
-    m_in = in[1];
-    m_out = out[0];
-    if (m_pid < 0) {
-      close(m_in);
-      close(m_out);
-      throw std::runtime_error("fork failed");
-    }
-  }
-  ~Child() {
-    Kill();
-    close(m_in);
-    close(m_out);
-  }
-  Child(const Child&) = delete;
-  Child& operator=(const Child&) = delete;
+  explicit Child(const std::vector<std::string>& args) : m_process(args.at(0), args) {}
 
   // The next line it prints, without the newline; "" on end of file or timeout.
   std::string ReadLine(std::chrono::milliseconds timeout) {
-    const auto deadline = std::chrono::steady_clock::now() + timeout;
-    for (;;) {
-      const auto newline = m_buffer.find('\n');
-      if (newline != std::string::npos) {
-        std::string line = m_buffer.substr(0, newline);
-        m_buffer.erase(0, newline + 1);
-        return line;
-      }
-      const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-          deadline - std::chrono::steady_clock::now());
-      pollfd fd{m_out, POLLIN, 0};
-      if (left.count() <= 0 || poll(&fd, 1, static_cast<int>(left.count())) != 1) return "";
-      char chunk[256];
-      const ssize_t n = read(m_out, chunk, sizeof chunk);
-      if (n <= 0) return "";
-      m_buffer.append(chunk, n);
-    }
+    return m_process
+        .WaitForLine(
+            korvel::process::ChildProcess::kStdout, [](const std::string&) { return true; },
+            timeout)
+        .value_or("");
   }
   // Lets it register.
-  void Go() {
-    const char go = 'g';
-    EXPECT_EQ(write(m_in, &go, 1), 1);
-  }
-  void Kill() {
-    if (m_pid <= 0) return;
-    kill(m_pid, SIGKILL);
-    waitpid(m_pid, nullptr, 0);
-    m_pid = -1;
-  }
+  void Go() { EXPECT_TRUE(m_process.Send("g")); }
+  void Kill() { m_process.Kill(); }
 
  private:
-  pid_t m_pid = -1;
-  int m_in = -1;
-  int m_out = -1;
-  std::string m_buffer;
+  korvel::process::ChildProcess m_process;
 };
 
 // A fault injector that injects no fault, only a pause of up to 10 ms before

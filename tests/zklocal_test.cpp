@@ -1,4 +1,5 @@
-// Tests of the ZooKeeper test harness itself, against real servers.
+// Tests of the local ZooKeeper servers (tools/zklocal, korvel-zk-local) and of the tests' harness
+// built on them, against real servers.
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/wait.h>
@@ -8,14 +9,18 @@
 #include <cerrno>
 #include <chrono>
 #include <condition_variable>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <mutex>
+#include <optional>
 #include <string>
+#include <vector>
 
-#include "zklocal/zklocal.h"
+#include "process/child_process.h"
+#include "util/test_util.h"
 
-namespace korvel::zklocal {
+namespace korvel::test {
 namespace {
 
 using namespace std::chrono_literals;
@@ -229,5 +234,48 @@ TEST(ZooKeeperEnsembleTest, ElectsLeaderAndSurvivesLosingIt) {
   EXPECT_TRUE(WaitUntil([&] { return ModeOf(zk.ClientPort(paused)) == "follower"; }, 10s));
 }
 
+// korvel-zk-local, as scripts/zk-local.sh and bench/run.sh run it (its path in KORVEL_ZK_LOCAL).
+class ZkLocalToolTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    const char* path = std::getenv("KORVEL_ZK_LOCAL");
+    ASSERT_NE(path, nullptr) << "KORVEL_ZK_LOCAL names the korvel-zk-local to test";
+    m_tool = path;
+  }
+  std::string m_tool;
+};
+
+TEST_F(ZkLocalToolTest, ServesUntilSigtermOrItsLifetimeEnds) {
+  for (const bool bySignal : {true, false}) {
+    SCOPED_TRACE(bySignal ? "SIGTERM" : "lifetime");
+    process::ChildProcess tool(m_tool, {m_tool, "--lifetime", bySignal ? "600" : "2"});
+    const auto anyLine = [](const std::string&) { return true; };
+    const auto hosts = tool.WaitForLine(process::ChildProcess::kStdout, anyLine, 60s);
+    const auto dir = tool.WaitForLine(process::ChildProcess::kStdout, anyLine, 1s);
+    ASSERT_TRUE(hosts && dir) << tool.Output(process::ChildProcess::kStderr);
+    const std::string prefix = "127.0.0.1:";
+    ASSERT_EQ(hosts->rfind(prefix, 0), 0u) << *hosts;
+    EXPECT_EQ(FourLetterWord(std::stoi(hosts->substr(prefix.size())), "ruok", 2s), "imok");
+    EXPECT_TRUE(std::filesystem::exists(*dir + "/zoo.cfg")) << *dir;
+    if (bySignal) tool.Signal(SIGTERM);
+    EXPECT_EQ(tool.Wait(30s), std::optional<int>(0)) << tool.Output(process::ChildProcess::kStderr);
+    EXPECT_FALSE(std::filesystem::exists(*dir)) << *dir;
+  }
+}
+
+TEST_F(ZkLocalToolTest, FailsClearlyWithoutAServer) {
+  std::vector<std::string> env = {"KORVEL_ZOOKEEPER_HOME=/nonexistent"};
+  process::SpawnOptions options;
+  options.environment = env;
+  process::ChildProcess tool(m_tool, {m_tool}, options);
+  EXPECT_EQ(tool.Wait(30s), std::optional<int>(1));
+  EXPECT_NE(tool.Output(process::ChildProcess::kStderr).find("KORVEL_ZOOKEEPER_HOME=/nonexistent"),
+            std::string::npos)
+      << tool.Output(process::ChildProcess::kStderr);
+
+  process::ChildProcess usage(m_tool, {m_tool, "--lifetime", "soon"});
+  EXPECT_EQ(usage.Wait(10s), std::optional<int>(2));
+}
+
 }  // namespace
-}  // namespace korvel::zklocal
+}  // namespace korvel::test

@@ -14,19 +14,12 @@
 #include "korvel/connection_v2.h"
 #include "korvel/tree.h"
 #include "logger/logger.h"
-#include "zklocal/zklocal.h"
+#include "util/zk_harness.h"
 
 namespace korvel::test {
 
 using namespace std::chrono_literals;
 namespace tree = qx::korvel::tree;
-using zklocal::ExpireSession;
-using zklocal::FourLetterWord;
-using zklocal::FreeLoopbackPort;
-using zklocal::RefusingLoopbackPort;
-using zklocal::WaitUntil;
-using zklocal::ZooKeeperEnsemble;
-using zklocal::ZooKeeperServer;
 
 // The standalone server shared by all tests of one test binary: started on
 // first use, stopped when the binary exits.

@@ -9,8 +9,8 @@
 #include <memory>
 #include <sstream>
 
-#include "child_process.h"
 #include "commands.h"
+#include "process/child_process.h"
 #include "signals.h"
 #include "zklocal/zklocal.h"
 
@@ -19,6 +19,7 @@ namespace {
 
 using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
+using process::ChildProcess;
 
 const char kType[] = "billing";
 // Short, so that a crashed instance leaves the live list soon.
@@ -231,8 +232,8 @@ int RunDemo(const Settings& settings) {
   try {
     Heading("Starting a ZooKeeper server of its own");
     zklocal::ZooKeeperServer server;  // on a free loopback port, data in a temporary directory
-    Say("Debian's ZooKeeper serves at " + server.ConnectString() + " (pid " +
-        std::to_string(server.Pid()) + ").");
+    Say("ZooKeeper serves at " + server.ConnectString() + " (pid " + std::to_string(server.Pid()) +
+        ").");
     CheckInterrupted();
     Tour(settings, server.ConnectString());
     Say("\nStopping the ZooKeeper server.");

@@ -1,4 +1,4 @@
-#include "child_process.h"
+#include "process/child_process.h"
 
 #include <fcntl.h>
 #include <poll.h>
@@ -12,7 +12,7 @@
 #include <cstring>
 #include <stdexcept>
 
-namespace korvel::cli {
+namespace korvel::process {
 namespace {
 
 using Clock = std::chrono::steady_clock;
@@ -28,27 +28,71 @@ void MakePipe(int fds[2]) {
   }
 }
 
+// Closes `fd` unless it is -1 (or already closed by an earlier call), and marks it closed.
+void CloseIfOpen(int& fd) {
+  if (fd >= 0) close(fd);
+  fd = -1;
+}
+
+int OpenOrThrow(const std::string& path, int flags) {
+  const int fd = open(path.c_str(), flags | O_CLOEXEC, 0644);
+  if (fd < 0) throw std::runtime_error("open " + path + ": " + std::strerror(errno));
+  return fd;
+}
+
 int StatusCode(int status) {
   return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
 }  // namespace
 
-ChildProcess::ChildProcess(const std::string& program, const std::vector<std::string>& argv) {
+ChildProcess::ChildProcess(const std::string& program, const std::vector<std::string>& argv,
+                           const SpawnOptions& options)
+    : m_processGroup(options.processGroup) {
   static const bool sigpipeIgnored = [] { return signal(SIGPIPE, SIG_IGN) != SIG_ERR; }();
   (void)sigpipeIgnored;
 
-  int in[2], out[2], err[2];
-  MakePipe(in);
-  MakePipe(out);
-  MakePipe(err);
+  // The child's stdin, stdout and stderr, and the parent's ends of the pipes (-1 for none).
+  int childFds[3] = {-1, -1, -1};
+  int parentFds[3] = {-1, -1, -1};
+  const auto closeAll = [&] {
+    for (int& fd : childFds) CloseIfOpen(fd);
+    for (int& fd : parentFds) CloseIfOpen(fd);
+  };
+  try {
+    if (options.outputFile.empty()) {
+      for (int i = 0; i < 3; ++i) {
+        int fds[2];
+        MakePipe(fds);
+        childFds[i] = fds[i == 0 ? 0 : 1];
+        parentFds[i] = fds[i == 0 ? 1 : 0];
+      }
+    } else {
+      childFds[0] = OpenOrThrow("/dev/null", O_RDONLY);
+      childFds[1] = OpenOrThrow(options.outputFile, O_WRONLY | O_CREAT | O_APPEND);
+      childFds[2] = fcntl(childFds[1], F_DUPFD_CLOEXEC, 0);
+      if (childFds[2] < 0) throw std::runtime_error(std::string("dup: ") + std::strerror(errno));
+    }
+  } catch (...) {
+    closeAll();
+    throw;
+  }
 
   // Everything the child needs is prepared here: after fork() it may only make
   // async-signal-safe calls.
   std::vector<char*> args;
   for (const std::string& arg : argv) args.push_back(const_cast<char*>(arg.c_str()));
   args.push_back(nullptr);
-  const std::string execError = "cannot execute " + program + "\n";
+  std::vector<char*> environment;
+  if (options.environment) {
+    for (const std::string& entry : *options.environment) {
+      environment.push_back(const_cast<char*>(entry.c_str()));
+    }
+    environment.push_back(nullptr);
+  }
+  const char* directory = options.directory.empty() ? nullptr : options.directory.c_str();
+  const std::string execError =
+      "cannot execute " + program + (directory ? " in " + options.directory : std::string()) + "\n";
   const pid_t parent = getpid();
   const long maxFd = sysconf(_SC_OPEN_MAX);
 
@@ -56,9 +100,8 @@ ChildProcess::ChildProcess(const std::string& program, const std::vector<std::st
   if (m_pid == 0) {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     if (getppid() != parent) _exit(127);  // the parent died before prctl
-    dup2(in[0], STDIN_FILENO);
-    dup2(out[1], STDOUT_FILENO);
-    dup2(err[1], STDERR_FILENO);
+    if (m_processGroup) setpgid(0, 0);
+    for (int i = 0; i < 3; ++i) dup2(childFds[i], i);
 #ifdef SYS_close_range
     if (syscall(SYS_close_range, 3U, ~0U, 0U) != 0)
 #endif
@@ -69,38 +112,48 @@ ChildProcess::ChildProcess(const std::string& program, const std::vector<std::st
     struct sigaction defaultAction {};
     defaultAction.sa_handler = SIG_DFL;
     sigaction(SIGPIPE, &defaultAction, nullptr);
-    execv(program.c_str(), args.data());
+    if (directory == nullptr || chdir(directory) == 0) {
+      if (options.environment) {
+        execve(program.c_str(), args.data(), environment.data());
+      } else {
+        execv(program.c_str(), args.data());
+      }
+    }
     ssize_t ignored = write(STDERR_FILENO, execError.data(), execError.size());
     (void)ignored;
     _exit(127);
   }
   const int forkErrno = errno;
-  close(in[0]);
-  close(out[1]);
-  close(err[1]);
+  for (int& fd : childFds) CloseIfOpen(fd);
   if (m_pid < 0) {
-    close(in[1]);
-    close(out[0]);
-    close(err[0]);
+    closeAll();
     throw std::runtime_error(std::string("fork: ") + std::strerror(forkErrno));
   }
-  m_stdin = in[1];
-  m_reader =
-      std::thread([this, stdoutFd = out[0], stderrFd = err[0]] { ReadOutput(stdoutFd, stderrFd); });
+  // Also here, so that the group exists before the first signal to it.
+  if (m_processGroup) setpgid(m_pid, m_pid);
+  m_stdin = parentFds[0];
+  if (parentFds[1] >= 0) {
+    m_captures[kStdout].closed = m_captures[kStderr].closed = false;
+    m_reader = std::thread([this, stdoutFd = parentFds[1], stderrFd = parentFds[2]] {
+      ReadOutput(stdoutFd, stderrFd);
+    });
+  }
 }
 
 ChildProcess::~ChildProcess() {
   if (Running()) {
-    kill(m_pid, SIGKILL);
+    kill(m_processGroup ? -m_pid : m_pid, SIGKILL);
     int status = 0;
     while (waitpid(m_pid, &status, 0) < 0 && errno == EINTR) {
     }
   }
-  {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    m_stopReading = true;
+  if (m_reader.joinable()) {
+    {
+      std::lock_guard<std::mutex> lock(m_mutex);
+      m_stopReading = true;
+    }
+    m_reader.join();
   }
-  m_reader.join();
   CloseStdin();
 }
 
@@ -190,8 +243,13 @@ bool ChildProcess::Running() {
   return false;
 }
 
+std::optional<int> ChildProcess::ExitStatus() {
+  Running();
+  return m_exitStatus;
+}
+
 void ChildProcess::Signal(int signal) {
-  if (Running()) kill(m_pid, signal);
+  if (Running()) kill(m_processGroup ? -m_pid : m_pid, signal);
 }
 
 std::optional<int> ChildProcess::Wait(std::chrono::milliseconds timeout) {
@@ -206,12 +264,16 @@ std::optional<int> ChildProcess::Wait(std::chrono::milliseconds timeout) {
   return m_exitStatus;
 }
 
-int ChildProcess::Stop(std::chrono::milliseconds grace) {
-  Signal(SIGTERM);
-  if (auto status = Wait(grace)) return *status;
+int ChildProcess::Kill() {
   Signal(SIGKILL);
   // A killed process is reaped at once; the bound is only a guard.
   return Wait(10s).value_or(128 + SIGKILL);
 }
 
-}  // namespace korvel::cli
+int ChildProcess::Stop(std::chrono::milliseconds grace) {
+  Signal(SIGTERM);
+  if (auto status = Wait(grace)) return *status;
+  return Kill();
+}
+
+}  // namespace korvel::process
