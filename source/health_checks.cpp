@@ -1,18 +1,22 @@
-// The ready-made health checks: a TCP connect and an HTTP GET. Each keeps to
-// the timeout it is given.
+// The ready-made health checks: a command, an HTTP GET and a TCP connect.
+// Each keeps to the timeout it is given.
 #include <fcntl.h>
 #include <netdb.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
-#include <cerrno>
-#include <cstring>
 #include <httplib.h>
+#include <boost/algorithm/string/trim.hpp>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
 #include <regex>
 #include <stdexcept>
 
 #include "korvel/health.h"
+#include "process/child_process.h"
 
 namespace qx::korvel {
 namespace {
@@ -69,7 +73,8 @@ CheckResult Connect(const Endpoint& endpoint, std::chrono::milliseconds timeout)
   addrinfo* addresses = nullptr;
   const int resolved =
       getaddrinfo(endpoint.host.c_str(), endpoint.port.c_str(), &hints, &addresses);
-  if (resolved != 0) return {false, "cannot resolve " + endpoint.host + ": " + gai_strerror(resolved)};
+  if (resolved != 0)
+    return {false, "cannot resolve " + endpoint.host + ": " + gai_strerror(resolved)};
   int error = ETIMEDOUT;
   for (const addrinfo* a = addresses; a != nullptr && Clock::now() < deadline; a = a->ai_next) {
     error = ConnectBefore(*a, deadline);
@@ -81,44 +86,114 @@ CheckResult Connect(const Endpoint& endpoint, std::chrono::milliseconds timeout)
   return {false, "cannot connect to " + where + ": " + std::strerror(error)};
 }
 
+// A command's output, in a file of its own that is gone from the directory as
+// soon as the command has it open.
+class OutputFile {
+ public:
+  OutputFile() {
+    const char* dir = std::getenv("TMPDIR");
+    m_path = String(dir && *dir ? dir : "/tmp") + "/korvel-check-XXXXXX";
+    m_fd = mkostemp(m_path.data(), O_CLOEXEC);
+    if (m_fd < 0)
+      throw std::runtime_error("cannot make a file for the output: " +
+                               String(std::strerror(errno)));
+  }
+  ~OutputFile() {
+    Unlink();
+    close(m_fd);
+  }
+  OutputFile(const OutputFile&) = delete;
+  OutputFile& operator=(const OutputFile&) = delete;
+
+  const String& Path() const { return m_path; }
+  void Unlink() {
+    if (!m_path.empty()) unlink(m_path.c_str());
+    m_path.clear();
+  }
+  // The end of what was written: enough for the record's last KiB.
+  String Tail() const {
+    struct stat info {};
+    if (fstat(m_fd, &info) != 0) return "";
+    const off_t size = std::min<off_t>(info.st_size, 4096);
+    String text(static_cast<std::size_t>(size), '\0');
+    const ssize_t n = pread(m_fd, text.data(), text.size(), info.st_size - size);
+    text.resize(n > 0 ? static_cast<std::size_t>(n) : 0);
+    return text;
+  }
+
+ private:
+  String m_path;
+  int m_fd;
+};
+
+// The output, then why the command failed on a line of its own.
+String WithReason(String output, const String& reason) {
+  if (!output.empty() && output.back() != '\n') output += '\n';
+  return output + reason;
+}
+
 }  // namespace
+
+HealthCheck CommandCheck(String name, String command) {
+  if (boost::algorithm::trim_copy(command).empty()) {
+    throw std::invalid_argument("a check command must not be empty");
+  }
+  return {std::move(name), [command](std::chrono::milliseconds timeout) -> CheckResult {
+            OutputFile output;
+            ::korvel::process::SpawnOptions options;
+            options.outputFile = output.Path();
+            options.reapGroup = true;
+            ::korvel::process::ChildProcess child("/bin/sh", {"sh", "-c", command}, options);
+            output.Unlink();
+            const std::optional<int> status = child.Wait(timeout);
+            if (!status) {
+              child.Kill();
+              return {false, WithReason(output.Tail(), "timed out after " +
+                                                           std::to_string(timeout.count()) +
+                                                           " ms; killed")};
+            }
+            if (*status == 0) return {true, output.Tail()};
+            return {false, WithReason(output.Tail(), "exit status " + std::to_string(*status))};
+          }};
+}
 
 HealthCheck TcpCheck(String name, String address) {
   const auto endpoint = ParseEndpoint(address);
   if (!endpoint) {
     throw std::invalid_argument("bad address '" + address + "': expected HOST:PORT");
   }
-  return {std::move(name),
-          [endpoint = *endpoint](std::chrono::milliseconds timeout) {
+  return {std::move(name), [endpoint = *endpoint](std::chrono::milliseconds timeout) {
             return Connect(endpoint, timeout);
           }};
 }
 
 HealthCheck HttpCheck(String name, String url) {
   // scheme://host[:port] and the rest, which is the request's target.
-  static const std::regex pattern(R"(^(https?://(?:\[[0-9A-Fa-f:.]+\]|[^\[\]:/?#\s]+)(?::[0-9]{1,5})?)([/?][^\s#]*)?$)");
+  static const std::regex pattern(
+      R"(^(https?://(?:\[[0-9A-Fa-f:.]+\]|[^\[\]:/?#\s]+)(?::[0-9]{1,5})?)([/?][^\s#]*)?$)");
   std::smatch match;
   if (!std::regex_match(url, match, pattern)) {
     throw std::invalid_argument("bad URL '" + url + "': expected http://HOST[:PORT][/PATH]");
   }
   const String origin = match[1];
   const String target = match[2].matched ? match[2].str() : "/";
-  return {std::move(name), [origin, target](std::chrono::milliseconds timeout) -> CheckResult {
-            httplib::Client client(origin);
-            const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(timeout);
-            const auto micros =
-                std::chrono::duration_cast<std::chrono::microseconds>(timeout - seconds);
-            client.set_connection_timeout(seconds.count(), micros.count());
-            client.set_read_timeout(seconds.count(), micros.count());
-            client.set_write_timeout(seconds.count(), micros.count());
-            const auto response = client.Get(target);
-            if (!response) {
-              return {false, "GET " + origin + target + ": " + httplib::to_string(response.error())};
-            }
-            String status = "HTTP " + std::to_string(response->status);
-            if (!response->reason.empty()) status += " " + response->reason;
-            return {response->status >= 200 && response->status < 300, status};
-          }};
+  return {
+      std::move(name), [origin, target](std::chrono::milliseconds timeout) -> CheckResult {
+        httplib::Client client(origin);
+        const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(timeout);
+        const auto micros =
+            std::chrono::duration_cast<std::chrono::microseconds>(timeout - seconds);
+        client.set_connection_timeout(seconds.count(), micros.count());
+        client.set_read_timeout(seconds.count(), micros.count());
+        client.set_write_timeout(seconds.count(), micros.count());
+        const auto response = client.Get(target);
+        if (!response) {
+          return {false, "GET " + origin + target + ": " + httplib::to_string(response.error())};
+        }
+        String status = "HTTP " + std::to_string(response->status);
+        if (!response->reason.empty()) status += " " + response->reason;
+        return {response->status >= 200 && response->status < 300, status};
+      }};
 }
 
 }  // namespace qx::korvel

@@ -212,9 +212,9 @@ class HealthMonitor::Impl : public ConnectionObserver, public std::enable_shared
                                << " times in a row: the checks say up";
     } else if (m_verdict == Service::UP && check.failures >= m_options.fall) {
       m_verdict = Service::DOWN;
-      QXLOG(g_log, QXLOG_WARNING) << "Check '" << check.check.name << "' failed "
-                                  << m_options.fall << " times in a row: the checks say down ("
-                                  << check.output << ")";
+      QXLOG(g_log, QXLOG_WARNING) << "Check '" << check.check.name << "' failed " << m_options.fall
+                                  << " times in a row: the checks say down (" << check.output
+                                  << ")";
     }
     m_changed.notify_all();
   }

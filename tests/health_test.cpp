@@ -8,6 +8,8 @@
 
 #include <atomic>
 #include <condition_variable>
+#include <filesystem>
+#include <fstream>
 #include <mutex>
 #include <thread>
 
@@ -85,8 +87,8 @@ class HealthTest : public ::testing::Test {
     return WaitUntil([&] { return Status() == status; }, timeout);
   }
   std::string Record(const std::string& check, const std::string& attribute) const {
-    return ReadNode(*conn, tree::Below(service->GetRoot(),
-                                       tree::HealthRecord(check) + "/" + attribute));
+    return ReadNode(*conn,
+                    tree::Below(service->GetRoot(), tree::HealthRecord(check) + "/" + attribute));
   }
 
   std::shared_ptr<qx::korvel::Connection> conn;
@@ -104,10 +106,9 @@ TEST_F(HealthTest, UpAfterRisePassesAndDownAfterFallFailures) {
   EXPECT_EQ("down", Status());
   ASSERT_TRUE(StatusBecomes("up"));
   EXPECT_EQ(kFast.rise, passes.CounterAt("the checks say up"));
-  RecordProperty("ms_to_up",
-                 std::chrono::duration_cast<std::chrono::milliseconds>(
-                     std::chrono::steady_clock::now() - started)
-                     .count());
+  RecordProperty("ms_to_up", std::chrono::duration_cast<std::chrono::milliseconds>(
+                                 std::chrono::steady_clock::now() - started)
+                                 .count());
 
   const int failuresBefore = check.failures;
   check.healthy = false;
@@ -138,18 +139,18 @@ TEST_F(HealthTest, RecordsHoldResultSinceAndTheLastOutput) {
   check.output = std::string(300, 'x') + "\n" + std::string(2000, 'y') + "\nlast line";
   const std::time_t before = std::time(nullptr);
   auto monitor = std::make_unique<HealthMonitor>(service, std::vector{check.Check("web")}, kFast);
-  ASSERT_TRUE(WaitUntil([&] { return Record("web", "result") == "passing"; }, 5000ms));
-  const std::string output = Record("web", "output");
-  EXPECT_EQ(1024u, output.size());
-  EXPECT_EQ("last line", output.substr(output.size() - 9));
+  // The record's output is written last: its last KiB.
+  const std::string lastKiB = check.output.substr(check.output.size() - 1024);
+  ASSERT_TRUE(WaitUntil([&] { return Record("web", "output") == lastKiB; }, 5000ms));
+  EXPECT_EQ("passing", Record("web", "result"));
   const std::string since = Record("web", "since");
   std::tm utc{};
   ASSERT_NE(nullptr, strptime(since.c_str(), "%Y-%m-%dT%H:%M:%SZ", &utc)) << since;
   EXPECT_GE(timegm(&utc), before);
 
   check.healthy = false;
-  ASSERT_TRUE(WaitUntil([&] { return Record("web", "result") == "failing"; }, 5000ms));
-  EXPECT_EQ("broken", Record("web", "output"));
+  ASSERT_TRUE(WaitUntil([&] { return Record("web", "output") == "broken"; }, 5000ms));
+  EXPECT_EQ("failing", Record("web", "result"));
 
   monitor.reset();
   EXPECT_FALSE(NodeExists(*conn, tree::Below(service->GetRoot(), tree::HealthRecord("web"))));
@@ -192,7 +193,8 @@ TEST_F(HealthTest, AfterAnExpiryTheVerdictIsPublishedAgainAtOnce) {
   ASSERT_TRUE(WaitUntil(
       [&] {
         return conn->ClientId().client_id != old.client_id &&
-               EphemeralOwner(*conn, service->GetRoot() + "/status") == conn->ClientId().client_id &&
+               EphemeralOwner(*conn, service->GetRoot() + "/status") ==
+                   conn->ClientId().client_id &&
                Status() == "up";
       },
       15000ms));
@@ -202,25 +204,38 @@ TEST_F(HealthTest, AfterAnExpiryTheVerdictIsPublishedAgainAtOnce) {
 
 TEST_F(HealthTest, AHangingCheckDelaysNoOther) {
   std::mutex mutex;
-  std::condition_variable released;
-  bool release = false;
+  std::condition_variable changed;
+  int calls = 0;
+  int opened = 0;  // how many runs of the hanging check may end
   HealthCheck hanging{"hanging", [&](std::chrono::milliseconds) {
                         std::unique_lock<std::mutex> lock(mutex);
-                        released.wait(lock, [&] { return release; });
+                        const int call = ++calls;
+                        changed.wait(lock, [&] { return opened >= call; });
                         return CheckResult{true, ""};
                       }};
+  const auto open = [&](int runs) {
+    {
+      std::lock_guard<std::mutex> lock(mutex);
+      opened = runs;
+    }
+    changed.notify_all();
+  };
   Switch quick;
   HealthMonitor monitor(service, {std::move(hanging), quick.Check("quick")}, kFast);
+  // Before the monitor goes, every run may end.
+  const std::shared_ptr<void> openAll(nullptr, [&](void*) { open(1 << 30); });
+
   ASSERT_TRUE(WaitUntil([&] { return quick.runs >= 5; }, 5000ms));
   ASSERT_TRUE(WaitUntil([&] { return Record("quick", "result") == "failing"; }, 5000ms));
-  {
-    std::lock_guard<std::mutex> lock(mutex);
-    release = true;
-  }
-  released.notify_all();
-  // The hanging run ended late, and so counts as failing.
-  ASSERT_TRUE(WaitUntil([&] { return Record("hanging", "result") == "failing"; }, 5000ms));
-  EXPECT_NE(std::string::npos, Record("hanging", "output").find("longer than the timeout of 100 ms"));
+  // The first run ends late, and so counts as failing; the second hangs.
+  open(1);
+  ASSERT_TRUE(WaitUntil(
+      [&] {
+        return Record("hanging", "output").find("longer than the timeout of 100 ms") !=
+               std::string::npos;
+      },
+      5000ms));
+  EXPECT_EQ("failing", Record("hanging", "result"));
 }
 
 TEST_F(HealthTest, BadSettingsAreRefused) {
@@ -257,9 +272,8 @@ class LocalHttpServer {
     m_server.Get("/ok", [](const httplib::Request&, httplib::Response& res) {
       res.set_content("fine", "text/plain");
     });
-    m_server.Get("/fail", [](const httplib::Request&, httplib::Response& res) {
-      res.status = 500;
-    });
+    m_server.Get("/fail",
+                 [](const httplib::Request&, httplib::Response& res) { res.status = 500; });
     m_server.Get("/hang", [this](const httplib::Request&, httplib::Response& res) {
       std::unique_lock<std::mutex> lock(m_mutex);
       m_released.wait_for(lock, 10s, [this] { return m_stopping; });
@@ -267,6 +281,8 @@ class LocalHttpServer {
     });
     m_port = m_server.bind_to_any_port("127.0.0.1");
     m_thread = std::thread([this] { m_server.listen_after_bind(); });
+    // Until it runs, stop() would not end listen_after_bind().
+    WaitUntil([this] { return m_server.is_running(); }, 5000ms);
   }
   ~LocalHttpServer() {
     {
@@ -293,7 +309,9 @@ class LocalHttpServer {
 
 TEST(HealthCheckTest, HttpPassesOnlyOnA2xxAnswerInTime) {
   LocalHttpServer server;
-  const auto run = [](const std::string& url) { return qx::korvel::HttpCheck("h", url).run(500ms); };
+  const auto run = [](const std::string& url) {
+    return qx::korvel::HttpCheck("h", url).run(500ms);
+  };
   const CheckResult ok = run(server.Url("/ok"));
   EXPECT_TRUE(ok.passed);
   EXPECT_EQ("HTTP 200 OK", ok.output);
@@ -314,6 +332,52 @@ TEST(HealthCheckTest, HttpPassesOnlyOnA2xxAnswerInTime) {
   const CheckResult refused = run("http://127.0.0.1:" + std::to_string(nothing.Port()) + "/");
   EXPECT_FALSE(refused.passed);
   EXPECT_NE(std::string::npos, refused.output.find("Connection")) << refused.output;
+}
+
+// The processes whose command name is `name`, zombies included.
+int ProcessesNamed(const std::string& name) {
+  int count = 0;
+  for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
+    std::ifstream stat(entry.path() / "stat");
+    std::string line;
+    if (std::getline(stat, line) && line.find("(" + name + ")") != std::string::npos) ++count;
+  }
+  return count;
+}
+
+TEST(HealthCheckTest, ACommandPassesOnExitZeroOnly) {
+  const auto run = [](const std::string& command) {
+    return qx::korvel::CommandCheck("c", command).run(5000ms);
+  };
+  const CheckResult passed = run("echo hello");
+  EXPECT_TRUE(passed.passed);
+  EXPECT_EQ("hello\n", passed.output);
+  const CheckResult failed = run("echo out; echo err >&2; exit 3");
+  EXPECT_FALSE(failed.passed);
+  EXPECT_EQ("out\nerr\nexit status 3", failed.output);
+  const CheckResult killed = run("kill -KILL $$");
+  EXPECT_FALSE(killed.passed);
+  EXPECT_EQ("exit status 137", killed.output);
+  EXPECT_FALSE(run("/nonexistent/program").passed);
+}
+
+TEST(HealthCheckTest, ACommandPastItsTimeoutIsKilledWithItsWholeGroup) {
+  // A copy of sleep under a name of its own, to find its processes by.
+  const std::string name = UniqueName("hang").substr(0, 13);
+  const auto dir = std::filesystem::temp_directory_path() / UniqueName("korvel-health");
+  std::filesystem::create_directories(dir);
+  std::filesystem::copy_file("/bin/sleep", dir / name);
+  const std::string program = (dir / name).string();
+  const auto start = std::chrono::steady_clock::now();
+  const CheckResult result =
+      qx::korvel::CommandCheck("c", "echo started; " + program + " 30 & " + program + " 30; true")
+          .run(300ms);
+  const auto took = std::chrono::steady_clock::now() - start;
+  EXPECT_FALSE(result.passed);
+  EXPECT_EQ("started\ntimed out after 300 ms; killed", result.output);
+  EXPECT_LT(took, 10s);
+  EXPECT_EQ(0, ProcessesNamed(name));
+  std::filesystem::remove_all(dir);
 }
 
 TEST(HealthCheckTest, TcpPassesWhenSomethingListens) {
