@@ -324,9 +324,14 @@ TEST(ServicePauseTest, PausedServerLeavesTheServiceRegistered) {
     return conn->State() == ZOO_CONNECTED_STATE && EphemeralOwner(*conn, alive) == session &&
            EphemeralOwner(*conn, service->GetRoot() + "/start_time") == session;
   };
-  ASSERT_TRUE(WaitUntil(registeredUnderCurrentSession, 20000ms));
-  std::this_thread::sleep_for(500ms);  // an expiry still under way would show now
-  ASSERT_TRUE(WaitUntil(registeredUnderCurrentSession, 20000ms));
+  // Once the connection has answered requests and delivered a control watch
+  // after the events before it, an expiry still under way has shown.
+  ASSERT_TRUE(WaitUntil(
+      [&] {
+        return registeredUnderCurrentSession() && AwaitEarlierEvents(*conn) &&
+               registeredUnderCurrentSession();
+      },
+      20000ms));
   const bool newSession = conn->ClientId().client_id != old;
   RecordProperty("new_session", newSession ? "yes" : "no");
   std::vector<std::string> instances;

@@ -6,8 +6,10 @@
 //   throws.
 // - A connection loss is not an expiry: the client reconnects to the same
 //   session by itself, its ephemeral nodes and watches survive, and requests
-//   made meanwhile fail with ZCONNECTIONLOSS (a write that failed so may still
-//   have been applied). Nothing is retried implicitly.
+//   made meanwhile fail with ZCONNECTIONLOSS, or with ZOPERATIONTIMEOUT when
+//   the connection attempt they waited for got no answer within 2/3 of the
+//   session timeout (a write that failed so may still have been applied).
+//   Nothing is retried implicitly.
 // - When the server expires the session, observers get ZOO_EXPIRED_SESSION_STATE,
 //   every pending watch is delivered once with (ZOO_SESSION_EVENT,
 //   ZOO_EXPIRED_SESSION_STATE, path) and is then over, and the connection opens
@@ -67,8 +69,6 @@ class Connection : public ObservableImpl<ConnectionObserver> {
 
    private:
     friend class Connection;
-    // Runs the callback unless the watch was cancelled. Event thread only.
-    void Invoke(int type, int state, const String& path);
 
     const Connection& m_conn;
     WatchFunction m_func;
@@ -202,6 +202,8 @@ class Connection : public ObservableImpl<ConnectionObserver> {
 
  private:
   class Impl;
+  class SessionKeeper;
+  class WatchRegistry;
   std::unique_ptr<Impl> m_impl;
 };
 
