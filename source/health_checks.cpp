@@ -7,8 +7,12 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <httplib.h>
 #include <boost/algorithm/string/trim.hpp>
+#include <boost/asio/connect.hpp>
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/ip/tcp.hpp>
+#include <boost/beast/core.hpp>
+#include <boost/beast/http.hpp>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -132,6 +136,52 @@ String WithReason(String output, const String& reason) {
   return output + reason;
 }
 
+struct HttpTarget {
+  String host;  // to resolve: without the brackets of an IPv6 address
+  String port;
+  String hostHeader;
+  String path;
+};
+
+// A GET of `target`, all of it within `timeout`: its status line, or why there is none.
+CheckResult Get(const HttpTarget& target, std::chrono::milliseconds timeout) {
+  namespace asio = boost::asio;
+  namespace http = boost::beast::http;
+  using boost::beast::error_code;
+  asio::io_context io;
+  asio::ip::tcp::resolver resolver(io);
+  boost::beast::tcp_stream stream(io);
+  boost::beast::flat_buffer buffer;
+  http::request<http::empty_body> request{http::verb::get, target.path, 11};
+  request.set(http::field::host, target.hostHeader);
+  request.set(http::field::user_agent, "korvel-health-check");
+  http::response_parser<http::empty_body> parser;
+  std::optional<CheckResult> result;
+  const auto fail = [&](const char* step, const error_code& error) {
+    result = CheckResult{false, String(step) + " " + target.hostHeader + ": " + error.message()};
+  };
+  resolver.async_resolve(target.host, target.port, [&](error_code error, auto addresses) {
+    if (error) return fail("cannot resolve", error);
+    stream.async_connect(addresses, [&](error_code error, const auto&) {
+      if (error) return fail("cannot connect to", error);
+      http::async_write(stream, request, [&](error_code error, std::size_t) {
+        if (error) return fail("cannot send to", error);
+        http::async_read_header(stream, buffer, parser, [&](error_code error, std::size_t) {
+          if (error) return fail("no answer from", error);
+          const unsigned status = parser.get().result_int();
+          result =
+              CheckResult{status >= 200 && status < 300,
+                          "HTTP " + std::to_string(status) + " " + String(parser.get().reason())};
+        });
+      });
+    });
+  });
+  io.run_for(timeout);
+  if (result) return *result;
+  return {false, "GET http://" + target.hostHeader + target.path + ": timed out after " +
+                     std::to_string(timeout.count()) + " ms"};
+}
+
 }  // namespace
 
 HealthCheck CommandCheck(String name, String command) {
@@ -168,32 +218,20 @@ HealthCheck TcpCheck(String name, String address) {
 }
 
 HealthCheck HttpCheck(String name, String url) {
-  // scheme://host[:port] and the rest, which is the request's target.
+  // http://host[:port] and the rest, which is the request's target.
   static const std::regex pattern(
-      R"(^(https?://(?:\[[0-9A-Fa-f:.]+\]|[^\[\]:/?#\s]+)(?::[0-9]{1,5})?)([/?][^\s#]*)?$)");
+      R"(^http://(\[([0-9A-Fa-f:.]+)\]|([^\[\]:/?#\s]+))(?::([0-9]{1,5}))?([/?][^\s#]*)?$)");
   std::smatch match;
-  if (!std::regex_match(url, match, pattern)) {
+  if (!std::regex_match(url, match, pattern) || (match[4].matched && std::stoi(match[4]) > 65535)) {
     throw std::invalid_argument("bad URL '" + url + "': expected http://HOST[:PORT][/PATH]");
   }
-  const String origin = match[1];
-  const String target = match[2].matched ? match[2].str() : "/";
-  return {
-      std::move(name), [origin, target](std::chrono::milliseconds timeout) -> CheckResult {
-        httplib::Client client(origin);
-        const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(timeout);
-        const auto micros =
-            std::chrono::duration_cast<std::chrono::microseconds>(timeout - seconds);
-        client.set_connection_timeout(seconds.count(), micros.count());
-        client.set_read_timeout(seconds.count(), micros.count());
-        client.set_write_timeout(seconds.count(), micros.count());
-        const auto response = client.Get(target);
-        if (!response) {
-          return {false, "GET " + origin + target + ": " + httplib::to_string(response.error())};
-        }
-        String status = "HTTP " + std::to_string(response->status);
-        if (!response->reason.empty()) status += " " + response->reason;
-        return {response->status >= 200 && response->status < 300, status};
-      }};
+  HttpTarget target;
+  target.host = match[2].matched ? match[2].str() : match[3].str();
+  target.port = match[4].matched ? match[4].str() : "80";
+  target.hostHeader = match[1].str() + (match[4].matched ? ":" + target.port : "");
+  target.path = match[5].matched ? match[5].str() : "/";
+  return {std::move(name),
+          [target](std::chrono::milliseconds timeout) { return Get(target, timeout); }};
 }
 
 }  // namespace qx::korvel
