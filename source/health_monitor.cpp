@@ -103,7 +103,8 @@ class HealthMonitor::Impl : public ConnectionObserver, public std::enable_shared
       std::lock_guard<std::mutex> lock(m_mutex);
       m_stopping = true;
     }
-    m_changed.notify_all();
+    m_wake.notify_all();
+    m_work.notify_all();
     for (auto& check : m_checks) {
       if (check.thread.joinable()) check.thread.join();
     }
@@ -119,7 +120,7 @@ class HealthMonitor::Impl : public ConnectionObserver, public std::enable_shared
       std::lock_guard<std::mutex> lock(m_mutex);
       m_manual = status;
     }
-    m_changed.notify_all();
+    m_work.notify_one();
   }
 
   std::optional<Service::Status> Manual() const {
@@ -146,7 +147,7 @@ class HealthMonitor::Impl : public ConnectionObserver, public std::enable_shared
       }
       m_retryAt.reset();
     }
-    m_changed.notify_all();
+    m_work.notify_one();
   }
 
  private:
@@ -180,15 +181,24 @@ class HealthMonitor::Impl : public ConnectionObserver, public std::enable_shared
       const auto started = Clock::now();
       CheckResult result = RunOnce(check, m_options.timeout);
       lock.lock();
-      Note(m_checks[index], std::move(result));
+      const std::optional<VerdictChange> change = Note(m_checks[index], std::move(result));
+      lock.unlock();
+      m_work.notify_one();  // the publisher first, the log line after
+      if (change) QXLOG(g_log, change->level) << change->text;
       const auto next =
           started + std::chrono::duration_cast<Clock::duration>(interval * spread(random));
-      m_changed.wait_until(lock, next, [this] { return m_stopping; });
+      lock.lock();
+      m_wake.wait_until(lock, next, [this] { return m_stopping; });
     }
   }
 
-  // With the lock held.
-  void Note(Check& check, CheckResult result) {
+  struct VerdictChange {
+    logging::LogLevel level;
+    String text;
+  };
+
+  // With the lock held. What changed in the checks' verdict, if anything.
+  std::optional<VerdictChange> Note(Check& check, CheckResult result) {
     if (result.passed) {
       ++check.passes;
       check.failures = 0;
@@ -208,15 +218,17 @@ class HealthMonitor::Impl : public ConnectionObserver, public std::enable_shared
     const auto risen = [this](const Check& c) { return c.passes >= m_options.rise; };
     if (m_verdict == Service::DOWN && std::all_of(m_checks.begin(), m_checks.end(), risen)) {
       m_verdict = Service::UP;
-      QXLOG(g_log, QXLOG_INFO) << "Every check passed " << m_options.rise
-                               << " times in a row: the checks say up";
-    } else if (m_verdict == Service::UP && check.failures >= m_options.fall) {
-      m_verdict = Service::DOWN;
-      QXLOG(g_log, QXLOG_WARNING) << "Check '" << check.check.name << "' failed " << m_options.fall
-                                  << " times in a row: the checks say down (" << check.output
-                                  << ")";
+      return VerdictChange{QXLOG_INFO, "Every check passed " + std::to_string(m_options.rise) +
+                                           " times in a row: the checks say up"};
     }
-    m_changed.notify_all();
+    if (m_verdict == Service::UP && check.failures >= m_options.fall) {
+      m_verdict = Service::DOWN;
+      return VerdictChange{QXLOG_WARNING, "Check '" + check.check.name + "' failed " +
+                                              std::to_string(m_options.fall) +
+                                              " times in a row: the checks say down (" +
+                                              check.output + ")"};
+    }
+    return std::nullopt;
   }
 
   Service::Status Wanted() const { return m_manual.value_or(m_verdict); }
@@ -234,9 +246,9 @@ class HealthMonitor::Impl : public ConnectionObserver, public std::enable_shared
     std::unique_lock<std::mutex> lock(m_mutex);
     while (true) {
       if (m_retryAt) {
-        m_changed.wait_until(lock, *m_retryAt, [this] { return m_stopping || HasWork(); });
+        m_work.wait_until(lock, *m_retryAt, [this] { return m_stopping || HasWork(); });
       } else {
-        m_changed.wait(lock, [this] { return m_stopping || HasWork(); });
+        m_work.wait(lock, [this] { return m_stopping || HasWork(); });
       }
       if (m_stopping) return;
       if (!HasWork()) continue;
@@ -311,7 +323,8 @@ class HealthMonitor::Impl : public ConnectionObserver, public std::enable_shared
   const HealthOptions m_options;
   std::vector<Check> m_checks;  // fixed after construction; fields under the lock
   mutable std::mutex m_mutex;
-  std::condition_variable m_changed;
+  std::condition_variable m_work;  // wakes the publisher
+  std::condition_variable m_wake;  // wakes the checks' threads to stop
   bool m_stopping = false;
   Service::Status m_verdict = Service::DOWN;
   std::optional<Service::Status> m_manual;
