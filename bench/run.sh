@@ -99,6 +99,7 @@ run micro "$bin/micro_bench" "${quick[@]}"
 run registry "$bin/registry_bench" "$hosts" "${quick[@]}"
 run cache "$bin/cache_bench" "$hosts" "${quick[@]}" --korvel "$build/tools/korvel"
 run memory "$bin/memory_bench" "$hosts" "${quick[@]}"
+run health "$bin/health_bench" "$hosts" "${quick[@]}" --korvel "$build/tools/korvel"
 "$bin/bench_report" --json "$json" "${markdown[@]}" --hosts "$hosts" --server "$server_text" \
-  --load-before "$load_before" "$work"/{micro,registry,cache,memory}.json
+  --load-before "$load_before" "$work"/{micro,registry,cache,memory,health}.json
 echo "written to $json" >&2

@@ -7,9 +7,11 @@ packages=(
   build-essential cmake pkg-config git
   libzookeeper-mt-dev zookeeper
   libboost-dev libcli11-dev nlohmann-json3-dev
+  libcpp-httplib-dev  # the HTTP servers of the tests and benchmarks
   libgtest-dev libgmock-dev libbenchmark-dev
   libspdlog-dev  # the benchmarks' comparison for the logging facade
   clang clang-format libclang-rt-14-dev  # libFuzzer and the sanitizers' runtimes for clang
+  systemd  # systemd-analyze verifies the sidecar's unit file
 )
 
 missing=()

@@ -18,6 +18,14 @@ String IdPath(const char* root, const String& type, const ServiceId& id) {
   return path;
 }
 
+String FormatUtc(std::time_t time, const char* format) {
+  std::tm utc{};
+  gmtime_r(&time, &utc);  // gmtime's buffer is shared by every thread
+  char text[64];
+  std::strftime(text, sizeof text, format, &utc);
+  return text;
+}
+
 }  // namespace
 
 bool IsLivenessType(const String& type) {
@@ -67,11 +75,15 @@ String OwnAttributePath(const String& dataPath, OwnAttribute attribute) {
 }
 
 String StartTimeText(std::time_t time) {
-  std::tm utc{};
-  gmtime_r(&time, &utc);  // registrations run on several threads at once
-  char text[64];
-  std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S.%u", &utc);
-  return text;
+  return FormatUtc(time, "%Y-%m-%d %H:%M:%S.%u");
+}
+
+String HealthRecord(const String& checkName) {
+  return "health-" + checkName;
+}
+
+String UtcText(std::time_t time) {
+  return FormatUtc(time, "%Y-%m-%dT%H:%M:%SZ");
 }
 
 std::optional<std::time_t> ParseStartTime(std::string_view text) {

@@ -6,6 +6,8 @@
 
 #include <boost/algorithm/string/trim.hpp>
 #include <cstdlib>
+#include <filesystem>
+#include <fstream>
 #include <nlohmann/json.hpp>
 #include <regex>
 #include <sstream>
@@ -439,6 +441,100 @@ TEST(CliTest, ReadingAnUnknownTypeWritesNothing) {
   const auto conn = Connect(Hosts());
   EXPECT_EQ(ZNONODE, conn->Exists(tree::AliveDir(type), nullptr));
   EXPECT_EQ(ZNONODE, conn->Exists(tree::DataDir(type), nullptr));
+}
+
+// ---- Health-checked registration ------------------------------------------------------
+
+TEST(CliTest, ChecksDriveTheStatusUntilAManualStatusTakesOver) {
+  const std::string type = UniqueName("cli");
+  const auto flag = std::filesystem::temp_directory_path() / UniqueName("korvel-healthy");
+  const auto removeFlag = [&] { std::filesystem::remove(flag); };
+  const std::shared_ptr<void> cleanup(nullptr, [&](void*) { removeFlag(); });
+  Registered instance({type, "--check-exec", "test -f " + flag.string(), "--check-interval", "100",
+                       "--check-timeout", "100", "--rise", "1", "--fall", "1"});
+  ASSERT_EQ(36u, instance.Id().size()) << instance.Stderr();
+  const auto conn = Connect(Hosts());
+  const std::string status = instance.DataPath() + "/status";
+  const std::string record = instance.DataPath() + "/health-exec-1";
+  const auto becomes = [&](const std::string& path, const std::string& value) {
+    return WaitUntil([&] { return ReadNode(*conn, path) == value; }, 10s);
+  };
+  EXPECT_EQ("down", ReadNode(*conn, status));
+  ASSERT_TRUE(becomes(record + "/output", "exit status 1"));
+  EXPECT_EQ("failing", ReadNode(*conn, record + "/result"));
+
+  std::ofstream(flag).put('\n');
+  ASSERT_TRUE(becomes(status, "up"));
+  removeFlag();
+  ASSERT_TRUE(becomes(status, "down"));
+  const Result shown = Korvel({"show", type, instance.Id(), "--json"});
+  ASSERT_EQ(0, shown.code) << shown.err;
+  const Json health = Json::parse(shown.out).at("health-exec-1");
+  EXPECT_EQ("failing", health.at("result"));
+  EXPECT_EQ("exit status 1", health.at("output"));
+  EXPECT_TRUE(std::regex_match(health.at("since").get<std::string>(),
+                               std::regex(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\dZ)")))
+      << health.at("since");
+
+  // A manual status holds against the checks: with --rise 1, the run that
+  // turns the record to passing would have published "up" before it.
+  EXPECT_EQ("ok status down", instance.Command("status down"));
+  std::ofstream(flag).put('\n');
+  ASSERT_TRUE(becomes(record + "/result", "passing"));
+  EXPECT_EQ("down", ReadNode(*conn, status));
+  EXPECT_EQ("ok status auto", instance.Command("status auto"));
+  ASSERT_TRUE(becomes(status, "up"));
+
+  instance.Process().Signal(SIGTERM);
+  EXPECT_EQ(0, instance.Process().Wait(kGrace)) << instance.Stderr();
+  EXPECT_FALSE(NodeExists(*conn, instance.DataPath()));
+}
+
+TEST(CliTest, StatusAutoWithoutChecksIsAnError) {
+  Registered instance({UniqueName("cli")});
+  ASSERT_EQ(36u, instance.Id().size()) << instance.Stderr();
+  EXPECT_EQ("error: no health checks to hand the status to", instance.Command("status auto"));
+}
+
+TEST(CliTest, TheRegistrationEndsWithTheProcessGivenByPid) {
+  const std::string type = UniqueName("cli");
+  ChildProcess watched("/bin/sleep", {"sleep", "60"});
+  Registered instance({type, "--pid", std::to_string(watched.Pid())});
+  ASSERT_EQ(36u, instance.Id().size()) << instance.Stderr();
+  watched.Kill();
+  EXPECT_EQ(0, instance.Process().Wait(kGrace)) << instance.Stderr();
+  EXPECT_TRUE(HasLine(instance.Stderr(), "korvel: process " + std::to_string(watched.Pid()) +
+                                             " exited; unregistering"))
+      << instance.Stderr();
+  EXPECT_EQ("[]", Json::parse(Korvel({"list", type, "--json"}).out).dump());
+
+  const Result gone = Korvel({"register", type, "--pid", std::to_string(watched.Pid())});
+  EXPECT_EQ(1, gone.code);
+  EXPECT_TRUE(StartsWith(Lines(gone.err).back(),
+                         "korvel: cannot watch process " + std::to_string(watched.Pid())))
+      << gone.err;
+}
+
+TEST(CliTest, BadCheckSettingsAreUsageErrors) {
+  const std::string type = UniqueName("cli");
+  const std::vector<std::pair<std::vector<std::string>, std::string>> cases = {
+      {{"--check-exec", " "}, "a check command must not be empty"},
+      {{"--check-http", "localhost:80/health"}, "bad URL 'localhost:80/health'"},
+      {{"--check-tcp", "localhost"}, "bad address 'localhost'"},
+      {{"--check-tcp", "localhost:70000"}, "bad address 'localhost:70000'"},
+      {{"--check-exec", "true", "--check-interval", "100", "--check-timeout", "200"},
+       "--check-interval (100 ms) must be at least --check-timeout (200 ms)"},
+      {{"--check-exec", "true", "--rise", "0"}, "--rise"},
+      {{"--check-exec", "true", "--fall", "0"}, "--fall"},
+      {{"--pid", "0"}, "--pid"},
+  };
+  for (const auto& [args, message] : cases) {
+    const Result result = Korvel(Concat({"register", type}, args));
+    EXPECT_EQ(2, result.code) << args[1];
+    EXPECT_NE(std::string::npos, result.err.find(message)) << result.err;
+  }
+  const auto conn = Connect(Hosts());
+  EXPECT_EQ(ZNONODE, conn->Exists(tree::AliveDir(type), nullptr));
 }
 
 TEST(CliTest, AliveIsNotAServiceType) {

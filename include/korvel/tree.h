@@ -94,6 +94,18 @@ struct Location {
 // or a node below a liveness node.
 std::optional<Location> Parse(std::string_view path);
 
+// A health check's record: the child "health-<check>" of the data node, with
+// the check's result ("passing" or "failing"), since when (UtcText) and its
+// last output.
+String HealthRecord(const String& checkName);
+inline constexpr char kHealthResult[] = "result";
+inline constexpr char kHealthSince[] = "since";
+inline constexpr char kHealthOutput[] = "output";
+inline constexpr char kPassing[] = "passing";
+inline constexpr char kFailing[] = "failing";
+// `time` in UTC as "YYYY-MM-DDTHH:MM:SSZ".
+String UtcText(std::time_t time);
+
 // One instance's own attributes, as read.
 struct OwnAttributes {
   ServiceId id;

@@ -44,14 +44,39 @@ int StatusCode(int status) {
   return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
+// The reaper's side (SpawnOptions::reapGroup), in a forked child: async-signal-safe calls only.
+volatile sig_atomic_t g_reapedGroup = 0;
+
+void EndReapedGroup(int) {
+  const int saved = errno;
+  if (g_reapedGroup > 0) kill(-g_reapedGroup, SIGKILL);
+  errno = saved;
+}
+
+// Waits for the leader of the group, then ends the group and reaps its members (which were made
+// this process's children as their parents died): the leader's status.
+int ReapGroup(pid_t leader) {
+  int leaderStatus = 0;
+  for (;;) {
+    int status = 0;
+    const pid_t done = waitpid(-1, &status, 0);
+    if (done == leader) {
+      leaderStatus = status;
+      break;
+    }
+    if (done < 0 && errno != EINTR) return 127;
+  }
+  kill(-leader, SIGKILL);
+  while (waitpid(-leader, nullptr, 0) > 0 || errno == EINTR) {
+  }
+  return StatusCode(leaderStatus);
+}
+
 }  // namespace
 
 ChildProcess::ChildProcess(const std::string& program, const std::vector<std::string>& argv,
                            const SpawnOptions& options)
-    : m_processGroup(options.processGroup) {
-  static const bool sigpipeIgnored = [] { return signal(SIGPIPE, SIG_IGN) != SIG_ERR; }();
-  (void)sigpipeIgnored;
-
+    : m_processGroup(options.processGroup), m_reapGroup(options.reapGroup) {
   // The child's stdin, stdout and stderr, and the parent's ends of the pipes (-1 for none).
   int childFds[3] = {-1, -1, -1};
   int parentFds[3] = {-1, -1, -1};
@@ -61,6 +86,8 @@ ChildProcess::ChildProcess(const std::string& program, const std::vector<std::st
   };
   try {
     if (options.outputFile.empty()) {
+      static const bool sigpipeIgnored = [] { return signal(SIGPIPE, SIG_IGN) != SIG_ERR; }();
+      (void)sigpipeIgnored;
       for (int i = 0; i < 3; ++i) {
         int fds[2];
         MakePipe(fds);
@@ -112,16 +139,42 @@ ChildProcess::ChildProcess(const std::string& program, const std::vector<std::st
     struct sigaction defaultAction {};
     defaultAction.sa_handler = SIG_DFL;
     sigaction(SIGPIPE, &defaultAction, nullptr);
-    if (directory == nullptr || chdir(directory) == 0) {
-      if (options.environment) {
-        execve(program.c_str(), args.data(), environment.data());
-      } else {
-        execv(program.c_str(), args.data());
+    const auto exec = [&] {
+      if (directory == nullptr || chdir(directory) == 0) {
+        if (options.environment) {
+          execve(program.c_str(), args.data(), environment.data());
+        } else {
+          execv(program.c_str(), args.data());
+        }
       }
+      ssize_t ignored = write(STDERR_FILENO, execError.data(), execError.size());
+      (void)ignored;
+      _exit(127);
+    };
+    if (!options.reapGroup) exec();
+    // The reaper: out of the caller's group, so that a terminal's signals do not end it before
+    // its group; SIGTERM blocked until the handler knows the group.
+    setpgid(0, 0);
+    prctl(PR_SET_CHILD_SUBREAPER, 1);
+    sigset_t term;
+    sigemptyset(&term);
+    sigaddset(&term, SIGTERM);
+    sigprocmask(SIG_BLOCK, &term, nullptr);
+    const pid_t leader = fork();
+    if (leader == 0) {
+      prctl(PR_SET_PDEATHSIG, SIGKILL);
+      setpgid(0, 0);
+      sigprocmask(SIG_UNBLOCK, &term, nullptr);
+      exec();
     }
-    ssize_t ignored = write(STDERR_FILENO, execError.data(), execError.size());
-    (void)ignored;
-    _exit(127);
+    if (leader < 0) _exit(127);
+    setpgid(leader, leader);
+    g_reapedGroup = leader;
+    struct sigaction end {};
+    end.sa_handler = EndReapedGroup;
+    sigaction(SIGTERM, &end, nullptr);
+    sigprocmask(SIG_UNBLOCK, &term, nullptr);
+    _exit(ReapGroup(leader));
   }
   const int forkErrno = errno;
   for (int& fd : childFds) CloseIfOpen(fd);
@@ -142,7 +195,7 @@ ChildProcess::ChildProcess(const std::string& program, const std::vector<std::st
 
 ChildProcess::~ChildProcess() {
   if (Running()) {
-    kill(m_processGroup ? -m_pid : m_pid, SIGKILL);
+    Signal(SIGKILL);
     int status = 0;
     while (waitpid(m_pid, &status, 0) < 0 && errno == EINTR) {
     }
@@ -249,7 +302,12 @@ std::optional<int> ChildProcess::ExitStatus() {
 }
 
 void ChildProcess::Signal(int signal) {
-  if (Running()) kill(m_processGroup ? -m_pid : m_pid, signal);
+  if (!Running()) return;
+  if (m_reapGroup) {
+    kill(m_pid, SIGTERM);  // the reaper ends the group
+  } else {
+    kill(m_processGroup ? -m_pid : m_pid, signal);
+  }
 }
 
 std::optional<int> ChildProcess::Wait(std::chrono::milliseconds timeout) {

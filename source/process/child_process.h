@@ -1,13 +1,13 @@
-// A child process started with fork and exec: the one way korvel's programs, tests and local
-// servers start other programs. By default its stdin, stdout and stderr are pipes: commands go to
-// its stdin line by line, its output is collected by a reader thread and can be waited for line
-// by line. Alternatively its output goes to a file. Every wait is bounded.
+// A child process started with fork and exec: the one way korvel (its command checks), its
+// programs, tests and local servers start other programs. By default its stdin, stdout and stderr
+// are pipes: commands go to its stdin line by line, its output is collected by a reader thread and
+// can be waited for line by line. Alternatively its output goes to a file. Every wait is bounded.
 //
 // The child is killed by the kernel if the thread that started it dies (PR_SET_PDEATHSIG), and by
 // the destructor if it still runs, so that no process outlives its owner and none is left a
 // zombie; it starts with no signal blocked and SIGPIPE at its default. Starting the first child
-// makes the calling process ignore SIGPIPE, so that writing to a child that has gone fails with
-// EPIPE instead of ending the writer.
+// with pipes makes the calling process ignore SIGPIPE, so that writing to a child that has gone
+// fails with EPIPE instead of ending the writer; a child writing to a file changes nothing.
 //
 // Thread-safety: create, use and destroy a ChildProcess on one thread (the one that started it).
 #ifndef KORVEL_SOURCE_PROCESS_CHILD_PROCESS_H_
@@ -36,6 +36,11 @@ struct SpawnOptions {
   std::string outputFile;
   // The child leads a process group of its own, and signals reach the whole group.
   bool processGroup = false;
+  // The program leads a process group of its own below a reaper process, which is the child:
+  // when the program ends, and on Signal or Kill (whatever the signal), the reaper kills what is
+  // left of the group and reaps every member, so that no descendant is left running or as a
+  // zombie, then exits with the program's status.
+  bool reapGroup = false;
 };
 
 class ChildProcess {
@@ -94,6 +99,7 @@ class ChildProcess {
 
   pid_t m_pid = -1;
   bool m_processGroup = false;
+  bool m_reapGroup = false;
   std::optional<int> m_exitStatus;
   int m_stdin = -1;
   mutable std::mutex m_mutex;

@@ -3,6 +3,7 @@
 #ifndef KORVEL_TOOLS_KORVEL_COMMANDS_H_
 #define KORVEL_TOOLS_KORVEL_COMMANDS_H_
 
+#include <korvel/health.h>
 #include <korvel/service.h>
 
 #include <chrono>
@@ -37,12 +38,28 @@ struct ChildAttribute {
   std::string ToString() const;
 };
 
+// The health checks of `register`, as given on the command line.
+struct CheckOptions {
+  std::vector<std::string> commands;   // --check-exec
+  std::vector<std::string> urls;       // --check-http
+  std::vector<std::string> addresses;  // --check-tcp
+  qx::korvel::HealthOptions health;
+
+  bool Any() const { return !commands.empty() || !urls.empty() || !addresses.empty(); }
+  // The checks, named exec-1, exec-2, ..., http-1, ..., tcp-1, ... Throws std::invalid_argument
+  // for an unusable argument.
+  std::vector<qx::korvel::HealthCheck> Build() const;
+};
+
 struct RegisterOptions {
   std::string type;
   std::string name;
   std::optional<qx::korvel::ServiceId> id;
   qx::korvel::Service::Status status = qx::korvel::Service::DOWN;
+  bool statusGiven = false;  // with checks: the instance starts in that manual status
   std::vector<ChildAttribute> childAttributes;
+  CheckOptions checks;
+  std::optional<int> watchedPid;  // the registration ends when this process exits
 };
 
 int RunRegister(const Settings& settings, const RegisterOptions& options);

@@ -7,6 +7,7 @@
 #include <CLI/CLI.hpp>
 #include <cstdlib>
 #include <iostream>
+#include <limits>
 #include <map>
 
 #include "commands.h"
@@ -31,6 +32,20 @@ CLI::Validator Parsable(const std::string& name, Parse parse) {
   return CLI::Validator(
       [name, parse](std::string& text) {
         return parse(text) ? std::string() : "not " + name + ": '" + text + "'";
+      },
+      "");
+}
+
+// Checks a value by making a health check of it, which throws std::invalid_argument for a bad one.
+CLI::Validator Checkable(qx::korvel::HealthCheck (*make)(qx::String, qx::String)) {
+  return CLI::Validator(
+      [make](std::string& text) {
+        try {
+          make("check", text);
+        } catch (const std::invalid_argument& e) {
+          return std::string(e.what());
+        }
+        return std::string();
       },
       "");
 }
@@ -79,11 +94,15 @@ int main(int argc, char** argv) {
       app.add_subcommand("register", "Registers an instance until SIGINT or SIGTERM.");
   registerCommand->footer(
       "Prints the instance's id, then answers commands on stdin, one line each:\n"
-      "  status up|down|up_sending_disabled\n"
+      "  status up|down|up_sending_disabled    (with health checks: a manual status)\n"
+      "  status auto    (hands the status back to the health checks)\n"
       "  attr CHILD:ATTR=VALUE\n"
       "  remove CHILD\n"
       "  expire-session    (a fault drill: the server expires this instance's session)\n"
-      "After a session expiry it registers again and prints \"re-registered ID\".");
+      "After a session expiry it registers again and prints \"re-registered ID\".\n"
+      "With health checks the status is \"down\" until every check has passed --rise times in a\n"
+      "row, and \"down\" again once one has failed --fall times in a row; each check's result,\n"
+      "since when and last output stand in the child record health-<check> (exec-1, http-1, ...).");
   registerCommand->add_option("TYPE", registerOptions.type, "Service type")->required();
   registerCommand->add_option("--name", registerOptions.name, "Service name");
   registerCommand->add_option("--id", id, "Instance id (default: a new random one)")
@@ -97,6 +116,45 @@ int main(int argc, char** argv) {
       ->add_option("--child-attr", childAttributes, "Attribute of a child record (repeatable)")
       ->check(attributeCheck)
       ->type_name("CHILD:ATTR=VALUE");
+  korvel::cli::CheckOptions& checks = registerOptions.checks;
+  int checkIntervalMs = 5000, checkTimeoutMs = 2000;
+  registerCommand
+      ->add_option("--check-exec", checks.commands,
+                   "Health check: a shell command that passes when it exits 0 (repeatable)")
+      ->check(Checkable(qx::korvel::CommandCheck))
+      ->type_name("CMD");
+  registerCommand
+      ->add_option("--check-http", checks.urls,
+                   "Health check: a GET that passes on a 2xx answer (repeatable)")
+      ->check(Checkable(qx::korvel::HttpCheck))
+      ->type_name("URL");
+  registerCommand
+      ->add_option("--check-tcp", checks.addresses,
+                   "Health check: a TCP connection that passes when it is made (repeatable)")
+      ->check(Checkable(qx::korvel::TcpCheck))
+      ->type_name("HOST:PORT");
+  registerCommand->add_option("--check-interval", checkIntervalMs, "Time between runs of a check")
+      ->check(CLI::Range(10, 3600 * 1000))
+      ->type_name("MS")
+      ->capture_default_str();
+  registerCommand
+      ->add_option("--check-timeout", checkTimeoutMs,
+                   "Time a check may take (at most the interval)")
+      ->check(CLI::Range(10, 3600 * 1000))
+      ->type_name("MS")
+      ->capture_default_str();
+  registerCommand
+      ->add_option("--rise", checks.health.rise, "Passes in a row of every check for status up")
+      ->check(CLI::Range(1, 1000))
+      ->capture_default_str();
+  registerCommand
+      ->add_option("--fall", checks.health.fall, "Failures in a row of a check for status down")
+      ->check(CLI::Range(1, 1000))
+      ->capture_default_str();
+  registerCommand
+      ->add_option("--pid", registerOptions.watchedPid, "Unregister when this process exits")
+      ->check(CLI::Range(1, std::numeric_limits<int>::max()))
+      ->type_name("PID");
 
   std::string type, child, attribute;
   bool json = false, watch = false;
@@ -123,6 +181,11 @@ int main(int argc, char** argv) {
 
   try {
     app.parse(argc, argv);
+    if (checkIntervalMs < checkTimeoutMs) {
+      throw CLI::ValidationError("--check-interval (" + std::to_string(checkIntervalMs) +
+                                 " ms) must be at least --check-timeout (" +
+                                 std::to_string(checkTimeoutMs) + " ms)");
+    }
   } catch (const CLI::ParseError& e) {
     const int code = app.exit(e);
     return code == 0 ? 0 : 2;
@@ -139,6 +202,9 @@ int main(int argc, char** argv) {
   try {
     if (*registerCommand) {
       registerOptions.status = *korvel::cli::ParseStatus(status);
+      registerOptions.statusGiven = registerCommand->count("--status") > 0;
+      checks.health.interval = std::chrono::milliseconds(checkIntervalMs);
+      checks.health.timeout = std::chrono::milliseconds(checkTimeoutMs);
       if (!id.empty()) registerOptions.id = serviceId();
       for (const std::string& text : childAttributes) {
         registerOptions.childAttributes.push_back(*korvel::cli::ChildAttribute::Parse(text));

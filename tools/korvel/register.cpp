@@ -1,18 +1,20 @@
-// The register command: one instance that stays registered until SIGINT or SIGTERM, also across
-// session expiries, and takes commands from stdin.
+// The register command: one instance that stays registered until SIGINT or SIGTERM (or until a
+// watched process exits), also across session expiries, takes commands from stdin, and with health
+// checks keeps its status in step with them.
 #include <korvel/error.h>
 #include <korvel/utils.h>
 #include <poll.h>
 #include <stlext/uuid.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <boost/algorithm/string/trim.hpp>
 #include <cerrno>
 #include <condition_variable>
+#include <cstring>
 #include <iostream>
 #include <mutex>
-#include <thread>
 
 #include "commands.h"
 #include "signals.h"
@@ -23,6 +25,7 @@ namespace {
 
 using namespace std::chrono_literals;
 using qx::korvel::Connection;
+using qx::korvel::HealthMonitor;
 using qx::korvel::Service;
 
 // How long teardown waits for a republication under way.
@@ -39,15 +42,30 @@ void PrintLine(const std::string& line) {
 // What the instance publishes beyond its registration: its status and its child attributes,
 // remembered so that they can be published again after a session expiry. Registered with the
 // connection after the service itself, so that it is notified after the service has registered
-// again (status "down"), and then publishes the remembered state.
+// again (status "down"), and then publishes the remembered state. With health checks, the status
+// is the health monitor's, which publishes it again by itself.
 class Registration : public qx::korvel::ConnectionObserver {
  public:
   explicit Registration(std::shared_ptr<Service> service) : m_service(std::move(service)) {}
 
-  // Each publishes at once (throwing KorvelError on failure) and is remembered.
+  // Hands the status to health checks; throws what HealthMonitor throws.
+  void Monitor(std::vector<qx::korvel::HealthCheck> checks, qx::korvel::HealthOptions options) {
+    auto monitor = std::make_unique<HealthMonitor>(m_service, std::move(checks), options);
+    Remember([&] { m_monitor = std::move(monitor); });
+  }
+
+  // Publishes at once (throwing KorvelError on failure) and is remembered. With health checks it
+  // is a manual status that the checks do not override.
   void SetStatus(Service::Status status) {
+    if (m_monitor) return m_monitor->SetManualStatus(status);
     Remember([&] { m_status = status; });
     m_service->SetStatus(status);
+  }
+  // Hands the status back to the health checks; false when there are none.
+  bool ResumeChecks() {
+    if (!m_monitor) return false;
+    m_monitor->ResumeChecks();
+    return true;
   }
   void SetChildAttribute(const ChildAttribute& attribute) {
     Remember([&] {
@@ -78,22 +96,25 @@ class Registration : public qx::korvel::ConnectionObserver {
     return conn.Exists(node, nullptr) == ZNONODE;
   }
 
-  // Waits (bounded) for a republication under way, stops further ones, and unregisters the
-  // instance by destroying the service.
+  // Waits (bounded) for a republication under way, stops further ones, stops the health checks
+  // (removing their records), and unregisters the instance by destroying the service.
   void Close() {
     std::shared_ptr<Service> service;
+    std::unique_ptr<HealthMonitor> monitor;
     {
       std::unique_lock<std::mutex> lock(m_mutex);
       m_closed = true;
       m_idle.wait_for(lock, kRepublishWait, [this] { return !m_republishing; });
       service = std::move(m_service);
+      monitor = std::move(m_monitor);
     }
+    monitor.reset();
   }
 
   void OnSessionEvent(int type, int state, qx::String) override {
     if (type != ZOO_SESSION_EVENT) return;
     std::shared_ptr<Service> service;
-    Service::Status status;
+    std::optional<Service::Status> status;
     std::vector<ChildAttribute> attributes;
     {
       std::lock_guard<std::mutex> lock(m_mutex);
@@ -102,12 +123,12 @@ class Registration : public qx::korvel::ConnectionObserver {
       m_expired = false;
       m_republishing = true;
       service = m_service;
-      status = m_status;
+      if (!m_monitor) status = m_status;
       attributes = m_attributes;
     }
     std::string result = "re-registered " + qx::uuid::to_string(service->GetId());
     try {
-      service->SetStatus(status);
+      if (status) service->SetStatus(*status);
       for (const ChildAttribute& a : attributes) {
         service->SetChildAttribute(a.child, a.attribute, a.value);
       }
@@ -129,7 +150,8 @@ class Registration : public qx::korvel::ConnectionObserver {
     change();
   }
 
-  std::shared_ptr<Service> m_service;  // reset by Close
+  std::shared_ptr<Service> m_service;        // reset by Close
+  std::unique_ptr<HealthMonitor> m_monitor;  // set once, before any command; reset by Close
   std::mutex m_mutex;
   std::condition_variable m_idle;
   Service::Status m_status = Service::DOWN;
@@ -148,6 +170,10 @@ std::string Execute(const std::string& line, Registration& registration, const s
   const std::string argument =
       space == std::string::npos ? "" : boost::algorithm::trim_copy(trimmed.substr(space));
   try {
+    if (command == "status" && argument == "auto") {
+      if (!registration.ResumeChecks()) return "error: no health checks to hand the status to";
+      return "ok status auto";
+    }
     if (command == "status") {
       const auto status = ParseStatus(argument);
       if (!status) return "error: unknown status '" + argument + "'";
@@ -175,25 +201,40 @@ std::string Execute(const std::string& line, Registration& registration, const s
     return std::string("error: ") + e.what();
   }
   return "error: unknown command '" + trimmed +
-         "' (status STATUS, attr CHILD:ATTR=VALUE, remove CHILD, expire-session)";
+         "' (status STATUS|auto, attr CHILD:ATTR=VALUE, remove CHILD, expire-session)";
 }
 
-// Answers the commands on stdin until SIGINT or SIGTERM; after the end of stdin it only waits.
-void ServeCommands(Registration& registration, const std::string& hosts, const Connection& conn) {
+// A descriptor that becomes readable when process `pid` exits; -1 when there is no such process.
+class ProcessExit {
+ public:
+  explicit ProcessExit(std::optional<int> pid)
+      : m_fd(pid ? static_cast<int>(syscall(SYS_pidfd_open, *pid, 0)) : -1) {}
+  ~ProcessExit() {
+    if (m_fd >= 0) close(m_fd);
+  }
+  ProcessExit(const ProcessExit&) = delete;
+  ProcessExit& operator=(const ProcessExit&) = delete;
+  int Fd() const { return m_fd; }
+
+ private:
+  int m_fd;
+};
+
+// Answers the commands on stdin until SIGINT or SIGTERM, or until the watched process exits (the
+// readable `exited`, when not -1); after the end of stdin it only waits.
+void ServeCommands(Registration& registration, const std::string& hosts, const Connection& conn,
+                   int exited) {
   std::string pending;
-  bool stdinOpen = true;
+  pollfd fds[2] = {{STDIN_FILENO, POLLIN, 0}, {exited, POLLIN, 0}};  // poll skips a negative fd
   while (!ReceivedStopSignal()) {
-    if (!stdinOpen) {
-      std::this_thread::sleep_for(100ms);
-      continue;
-    }
-    pollfd in{STDIN_FILENO, POLLIN, 0};
-    if (poll(&in, 1, 100) <= 0) continue;  // short steps, so that a stop signal is seen promptly
+    if (poll(fds, 2, 100) <= 0) continue;  // short steps, so that a stop signal is seen promptly
+    if (fds[1].revents != 0) return;
+    if (fds[0].revents == 0) continue;
     char buffer[4096];
     const ssize_t n = read(STDIN_FILENO, buffer, sizeof buffer);
     if (n < 0 && errno == EINTR) continue;
     if (n <= 0) {
-      stdinOpen = false;
+      fds[0].fd = -1;
       pending += '\n';  // a last line without its newline is still a command
     } else {
       pending.append(buffer, static_cast<std::size_t>(n));
@@ -224,8 +265,27 @@ std::string ChildAttribute::ToString() const {
   return child + ":" + attribute + "=" + value;
 }
 
+std::vector<qx::korvel::HealthCheck> CheckOptions::Build() const {
+  std::vector<qx::korvel::HealthCheck> checks;
+  const auto add = [&checks](const std::vector<std::string>& arguments, const std::string& kind,
+                             auto make) {
+    for (std::size_t i = 0; i < arguments.size(); ++i) {
+      checks.push_back(make(kind + "-" + std::to_string(i + 1), arguments[i]));
+    }
+  };
+  add(commands, "exec", qx::korvel::CommandCheck);
+  add(urls, "http", qx::korvel::HttpCheck);
+  add(addresses, "tcp", qx::korvel::TcpCheck);
+  return checks;
+}
+
 int RunRegister(const Settings& settings, const RegisterOptions& options) {
   WatchStopSignals();
+  const ProcessExit watched(options.watchedPid);
+  if (options.watchedPid && watched.Fd() < 0) {
+    throw Failure("cannot watch process " + std::to_string(*options.watchedPid) + ": " +
+                  std::strerror(errno));
+  }
   auto conn = Connect(settings.hosts, settings.sessionTimeout);
   std::shared_ptr<Service> service;
   try {
@@ -239,16 +299,22 @@ int RunRegister(const Settings& settings, const RegisterOptions& options) {
   auto registration = std::make_shared<Registration>(std::move(service));
   conn->RegisterWeak(registration);
   try {
-    registration->SetStatus(options.status);
+    if (options.checks.Any()) {
+      registration->Monitor(options.checks.Build(), options.checks.health);
+    }
+    if (!options.checks.Any() || options.statusGiven) registration->SetStatus(options.status);
     for (const ChildAttribute& attribute : options.childAttributes) {
       registration->SetChildAttribute(attribute);
     }
-  } catch (const qx::korvel::KorvelError& e) {
+  } catch (const std::exception& e) {
     throw Failure("cannot publish the state of instance " + id + ": " + e.what());
   }
   PrintLine(id);
 
-  ServeCommands(*registration, settings.hosts, *conn);
+  ServeCommands(*registration, settings.hosts, *conn, watched.Fd());
+  if (!ReceivedStopSignal()) {
+    std::cerr << "korvel: process " << *options.watchedPid << " exited; unregistering\n";
+  }
   conn->Unregister(registration.get());
   registration->Close();  // the service goes first, then the connection
   return 0;
