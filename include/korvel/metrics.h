@@ -22,10 +22,12 @@
 // code it got, including those refused before anything was sent (a bad
 // path: result "bad_arguments") and those a fault injector answered. Each
 // request of a pipelined batch (CreateAll, GetAll, GetChildrenAll) counts on
-// its own; each atomic batch of DeleteAll counts once as operation "multi",
-// and a node it then deletes alone counts as a "delete"; RemoveWatches counts
-// one "remove_watches" per path it asks the server about. `operation` is one
-// of create, set, get, exists, get_children, delete, multi, remove_watches;
+// its own; each atomic batch of DeleteAll counts once as operation "multi"
+// (and a DeleteAll refused for a bad path once as "multi" with
+// "bad_arguments"), and a node it then deletes alone counts as a "delete";
+// RemoveWatches counts one "remove_watches" per path it asks the server
+// about. `operation` is one of create, set, get, exists, get_children,
+// delete, multi, remove_watches;
 // `result` is the code's name in lower case without its Z prefix, split into
 // words (ok, no_node, node_exists, connection_loss, operation_timeout,
 // session_expired, bad_arguments, ...; "other" for a code the library does
