@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "client_log.h"
+#include "metrics_counters.h"
 #include "pipeline.h"
 #include "session_keeper.h"
 #include "watch_registry.h"
@@ -13,7 +14,9 @@ namespace qx::korvel {
 namespace {
 
 using details::AsyncSlot;
+using details::CountRequest;
 using details::g_log;
+using details::RequestKind;
 using details::RunPipelined;
 using details::Submitted;
 using logging::QXLOG_ERROR;
@@ -39,6 +42,29 @@ constexpr std::size_t kReadBuffer = 4096;
 constexpr int kMaxGetAttempts = 8;
 // Bytes of delete requests sent in one atomic batch.
 constexpr std::size_t kDeleteBatchBytes = 256 * 1024;
+
+RequestKind KindOf(Connection::Operation op) {
+  switch (op) {
+    case Connection::Operation::Create:
+      return RequestKind::kCreate;
+    case Connection::Operation::Set:
+      return RequestKind::kSet;
+    case Connection::Operation::Get:
+      return RequestKind::kGet;
+    case Connection::Operation::Exists:
+      return RequestKind::kExists;
+    case Connection::Operation::GetChildren:
+      return RequestKind::kGetChildren;
+    case Connection::Operation::Delete:
+      return RequestKind::kDelete;
+  }
+  return RequestKind::kGet;
+}
+
+// Counts each request of a finished batch.
+void CountEach(RequestKind kind, const std::vector<int>& results) {
+  for (const int rc : results) CountRequest(kind, rc);
+}
 
 struct GetResult {
   int rc;
@@ -119,14 +145,15 @@ class Connection::Impl {
   std::pair<int, WatchHandle> Watched(Operation op, const String& path, WatchFunction func,
                                       Call call) {
     auto ctx = std::make_shared<WatchContext>(m_self, std::move(func));
-    if (auto rc = Injected(op, path)) return {*rc, WatchHandle(std::move(ctx))};
+    if (auto rc = Injected(op, path))
+      return {CountRequest(KindOf(op), *rc), WatchHandle(std::move(ctx))};
     const auto session = Current();
     void* watcherCtx =
         m_watches.Add(ctx, session.get(), path,
                       op == Operation::GetChildren ? ZWATCHTYPE_CHILD : ZWATCHTYPE_DATA);
     const auto [rc, set] = call(session->zh, &WatchRegistry::OnPathWatch, watcherCtx);
     if (!set) m_watches.Forget(watcherCtx);
-    return {rc, WatchHandle(std::move(ctx))};
+    return {CountRequest(KindOf(op), rc), WatchHandle(std::move(ctx))};
   }
 
   // Reads with all requests in flight, setting the data watches asked for.
@@ -162,6 +189,7 @@ class Connection::Impl {
       if (watcherCtxs[i] != nullptr && results[i] != ZOK) m_watches.Forget(watcherCtxs[i]);
       if (handles != nullptr && contexts[i]) (*handles)[i] = WatchHandle(std::move(contexts[i]));
     }
+    CountEach(RequestKind::kGet, results);
   }
 
  private:
@@ -217,30 +245,34 @@ int Connection::State() const {
 
 int Connection::Create(String path, const String& data, const ACL_vector& acl, int flags,
                        String* createdPath) const {
-  if (auto rc = m_impl->Injected(Operation::Create, path)) return *rc;
-  if (data.size() > kMaxDataSize) return ZBADARGUMENTS;
+  if (auto rc = m_impl->Injected(Operation::Create, path)) {
+    return CountRequest(RequestKind::kCreate, *rc);
+  }
+  if (data.size() > kMaxDataSize) return CountRequest(RequestKind::kCreate, ZBADARGUMENTS);
   const auto session = m_impl->Current();
   if (createdPath == nullptr) {
-    return zoo_create(session->zh, path.c_str(), data.data(), static_cast<int>(data.size()), &acl,
-                      flags, nullptr, 0);
+    return CountRequest(RequestKind::kCreate,
+                        zoo_create(session->zh, path.c_str(), data.data(),
+                                   static_cast<int>(data.size()), &acl, flags, nullptr, 0));
   }
   String created(path.size() + 16, '\0');  // room for a sequence suffix
   const int rc = zoo_create(session->zh, path.c_str(), data.data(), static_cast<int>(data.size()),
                             &acl, flags, created.data(), static_cast<int>(created.size()));
   if (rc == ZOK) *createdPath = created.c_str();
-  return rc;
+  return CountRequest(RequestKind::kCreate, rc);
 }
 
 int Connection::Set(String path, const String& data, int version) const {
-  if (auto rc = m_impl->Injected(Operation::Set, path)) return *rc;
-  if (data.size() > kMaxDataSize) return ZBADARGUMENTS;
-  return zoo_set(m_impl->Current()->zh, path.c_str(), data.data(), static_cast<int>(data.size()),
-                 version);
+  if (auto rc = m_impl->Injected(Operation::Set, path)) return CountRequest(RequestKind::kSet, *rc);
+  if (data.size() > kMaxDataSize) return CountRequest(RequestKind::kSet, ZBADARGUMENTS);
+  return CountRequest(RequestKind::kSet, zoo_set(m_impl->Current()->zh, path.c_str(), data.data(),
+                                                 static_cast<int>(data.size()), version));
 }
 
 int Connection::Get(String path, String& data, Stat* stat) const {
-  if (auto rc = m_impl->Injected(Operation::Get, path)) return *rc;
-  return ReadValue(m_impl->Current()->zh, path, data, nullptr, nullptr, stat).rc;
+  if (auto rc = m_impl->Injected(Operation::Get, path)) return CountRequest(RequestKind::kGet, *rc);
+  return CountRequest(RequestKind::kGet,
+                      ReadValue(m_impl->Current()->zh, path, data, nullptr, nullptr, stat).rc);
 }
 
 std::pair<int, Connection::WatchHandle> Connection::Get(String path, String& data,
@@ -253,9 +285,12 @@ std::pair<int, Connection::WatchHandle> Connection::Get(String path, String& dat
 }
 
 int Connection::Exists(String path, Stat* stat) const {
-  if (auto rc = m_impl->Injected(Operation::Exists, path)) return *rc;
+  if (auto rc = m_impl->Injected(Operation::Exists, path)) {
+    return CountRequest(RequestKind::kExists, *rc);
+  }
   Stat local{};
-  return zoo_exists(m_impl->Current()->zh, path.c_str(), 0, stat ? stat : &local);
+  return CountRequest(RequestKind::kExists,
+                      zoo_exists(m_impl->Current()->zh, path.c_str(), 0, stat ? stat : &local));
 }
 
 std::pair<int, Connection::WatchHandle> Connection::Exists(String path, WatchFunction watch,
@@ -269,12 +304,14 @@ std::pair<int, Connection::WatchHandle> Connection::Exists(String path, WatchFun
 }
 
 int Connection::GetChildren(String path, std::vector<String>& children) const {
-  if (auto rc = m_impl->Injected(Operation::GetChildren, path)) return *rc;
+  if (auto rc = m_impl->Injected(Operation::GetChildren, path)) {
+    return CountRequest(RequestKind::kGetChildren, *rc);
+  }
   String_vector names{};
   const int rc = zoo_get_children(m_impl->Current()->zh, path.c_str(), 0, &names);
   if (rc == ZOK) AppendNames(names, children);
   deallocate_String_vector(&names);
-  return rc;
+  return CountRequest(RequestKind::kGetChildren, rc);
 }
 
 std::pair<int, Connection::WatchHandle> Connection::GetChildren(String path,
@@ -291,8 +328,11 @@ std::pair<int, Connection::WatchHandle> Connection::GetChildren(String path,
 }
 
 int Connection::Delete(String path, int version) const {
-  if (auto rc = m_impl->Injected(Operation::Delete, path)) return *rc;
-  return zoo_delete(m_impl->Current()->zh, path.c_str(), version);
+  if (auto rc = m_impl->Injected(Operation::Delete, path)) {
+    return CountRequest(RequestKind::kDelete, *rc);
+  }
+  return CountRequest(RequestKind::kDelete,
+                      zoo_delete(m_impl->Current()->zh, path.c_str(), version));
 }
 
 std::vector<int> Connection::CreateAll(const std::vector<CreateRequest>& requests,
@@ -314,6 +354,7 @@ std::vector<int> Connection::CreateAll(const std::vector<CreateRequest>& request
         static_cast<int>(request.data.size()), &acl, request.flags,
         [](int rc, const char*, const void* data) { AsyncSlot::From(data).Complete(rc); }, &slot));
   });
+  CountEach(RequestKind::kCreate, results);
   return results;
 }
 
@@ -340,6 +381,7 @@ std::vector<int> Connection::GetChildrenAll(const std::vector<String>& paths,
         },
         &slot));
   });
+  CountEach(RequestKind::kGetChildren, results);
   return results;
 }
 
@@ -383,7 +425,7 @@ int Connection::DeleteAll(const std::vector<String>& paths) const {
   };
   if (m_impl->HasInjector()) return deleteOneByOne(0, paths.size());
   for (const String& path : paths) {
-    if (UnsendablePath(path)) return ZBADARGUMENTS;
+    if (UnsendablePath(path)) return CountRequest(RequestKind::kMulti, ZBADARGUMENTS);
   }
 
   const auto session = m_impl->Current();
@@ -397,7 +439,9 @@ int Connection::DeleteAll(const std::vector<String>& paths) const {
     for (std::size_t i = begin; i < end; ++i) {
       zoo_delete_op_init(&ops[i - begin], paths[i].c_str(), -1);
     }
-    const int rc = zoo_multi(session->zh, static_cast<int>(ops.size()), ops.data(), results.data());
+    const int rc = CountRequest(
+        RequestKind::kMulti,
+        zoo_multi(session->zh, static_cast<int>(ops.size()), ops.data(), results.data()));
     if (IsSessionFailure(rc)) return rc;
     // A batch is all or nothing: when one node of it was already gone or got
     // a new child, delete its nodes one by one to learn which.

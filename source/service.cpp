@@ -16,6 +16,7 @@
 #include "korvel/tree.h"
 #include "korvel/utils.h"
 #include "logger/logger.h"
+#include "metrics_counters.h"
 #include "stlext/uuid.h"
 
 namespace qx::korvel {
@@ -44,6 +45,18 @@ using logging::QXLOG_ERROR;
 using logging::QXLOG_INFO;
 using logging::QXLOG_WARNING;
 
+// Runs a registration and counts how it ended.
+template <typename Register>
+void CountedRegistration(details::RegistrationKind kind, Register&& registration) {
+  try {
+    registration();
+  } catch (...) {
+    details::CountRegistrationFailure();
+    throw;
+  }
+  details::CountRegistration(kind);
+}
+
 }  // namespace
 
 Service::Service(std::shared_ptr<Connection> conn, String stype, String serviceName)
@@ -55,7 +68,7 @@ Service::Service(std::shared_ptr<Connection> conn, String stype, ServiceId uuid,
       m_uuid(uuid),
       m_stype(std::move(stype)),
       m_name(std::move(serviceName)) {
-  Init();
+  CountedRegistration(details::RegistrationKind::kFirst, [this] { Init(); });
 }
 
 Service::~Service() {
@@ -94,7 +107,7 @@ void Service::OnSessionEvent(int event, int state, String) {
     // Cleared first: a re-registration that fails is not tried again until
     // the next expiry.
     m_updateNeeded = false;
-    Init();
+    CountedRegistration(details::RegistrationKind::kAgain, [this] { Init(); });
   }
 }
 

@@ -5,6 +5,7 @@
 
 #include "client_log.h"
 #include "korvel/error.h"
+#include "metrics_counters.h"
 #include "pipeline.h"
 #include "watch_registry.h"
 
@@ -48,6 +49,7 @@ Connection::SessionKeeper::~SessionKeeper() {
     std::lock_guard<std::mutex> lock(m_sessionMutex);
     m_closing = true;
     last = std::move(m_current);
+    if (std::exchange(m_countedConnected, false)) details::CountConnected(-1);
   }
   last.reset();  // queues the close
   {
@@ -164,18 +166,31 @@ void Connection::SessionKeeper::OnSessionEvent(Session& session, int state, cons
     const logging::LogLevel level = state == ZOO_CONNECTED_STATE ? QXLOG_INFO : QXLOG_WARNING;
     QXLOG(g_log, level) << "ZooKeeper session " << SessionIdText(id) << " " << StateName(state);
   }
-  if (state == ZOO_CONNECTED_STATE) {
-    std::lock_guard<std::mutex> lock(m_sessionMutex);
-    if (!session.connected) {
-      session.connected = true;
-      m_connectedCv.notify_all();
-    }
-  }
+  CountState(session, state);
   if (!current) return;
 
   if (state == ZOO_EXPIRED_SESSION_STATE) m_watches.Expire(&session);
   m_notify(state, path);
   if (state == ZOO_EXPIRED_SESSION_STATE) Post([this, expired = &session] { Reopen(expired); });
+}
+
+// Marks the session connected, and keeps the counters of sessions and of
+// connected connections: the gauge follows this connection's current session
+// only, and a session counts once, when it first connects.
+void Connection::SessionKeeper::CountState(Session& session, int state) {
+  std::lock_guard<std::mutex> lock(m_sessionMutex);
+  if (state == ZOO_CONNECTED_STATE && !session.connected) {
+    session.connected = true;
+    details::CountSessionEstablished();
+    m_connectedCv.notify_all();
+  }
+  if (m_closing || m_current.get() != &session) return;
+  if (state == ZOO_EXPIRED_SESSION_STATE) details::CountSessionExpired();
+  const bool connected = state == ZOO_CONNECTED_STATE;
+  if (connected != m_countedConnected) {
+    m_countedConnected = connected;
+    details::CountConnected(connected ? 1 : -1);
+  }
 }
 
 }  // namespace qx::korvel

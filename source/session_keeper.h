@@ -56,6 +56,7 @@ class Connection::SessionKeeper {
   void Reopen(const Session* expired);
   static void OnSessionWatch(zhandle_t*, int type, int state, const char* path, void* context);
   void OnSessionEvent(Session& session, int state, const String& path);
+  void CountState(Session& session, int state);
 
   const String m_hosts;
   const int m_timeoutMs;
@@ -65,6 +66,7 @@ class Connection::SessionKeeper {
   mutable std::mutex m_sessionMutex;
   std::condition_variable m_connectedCv;
   std::shared_ptr<Session> m_current;
+  bool m_countedConnected = false;  // counted in korvel_zookeeper_connected
   std::atomic<bool> m_closing{false};
 
   std::mutex m_workMutex;

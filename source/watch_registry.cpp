@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "client_log.h"
+#include "metrics_counters.h"
 #include "pipeline.h"
 
 namespace qx::korvel {
@@ -184,6 +185,9 @@ int SendRemoveWatches(zhandle_t* zh, const std::vector<RemoveRequest>& requests,
                                       reinterpret_cast<void_completion_t*>(completion), &slot));
         },
         &sending);
+  }
+  for (int rc : results) {
+    details::CountRequest(details::RequestKind::kRemoveWatches, rc);
   }
   for (int rc : results) {
     // A watch that fired meanwhile is gone already.
