@@ -10,10 +10,10 @@
 #include <boost/beast/core.hpp>
 #include <boost/beast/http.hpp>
 #include <boost/optional.hpp>
-#include <nlohmann/json.hpp>
 #include <cctype>
 #include <deque>
 #include <mutex>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <stdexcept>
 #include <thread>
@@ -105,7 +105,9 @@ bool ParseQuery(std::string_view query, std::map<std::string, std::string>& out)
   return true;
 }
 
-std::string_view View(beast::string_view text) { return {text.data(), text.size()}; }
+std::string_view View(beast::string_view text) {
+  return {text.data(), text.size()};
+}
 
 std::string Lower(std::string_view text) {
   std::string out(text);
@@ -257,13 +259,12 @@ class Server::Impl::Session : public std::enable_shared_from_this<Session> {
   void WaitForRequest() {
     if (m_buffer.size() > 0) return ReadRequest();
     m_stream.expires_after(m_server.m_options.idleTimeout);
-    m_stream.async_read_some(
-        m_buffer.prepare(kReadChunk),
-        [self = shared_from_this()](beast::error_code ec, std::size_t bytes) {
-          if (ec) return self->Close();
-          self->m_buffer.commit(bytes);
-          self->ReadRequest();
-        });
+    m_stream.async_read_some(m_buffer.prepare(kReadChunk),
+                             [self = shared_from_this()](beast::error_code ec, std::size_t bytes) {
+                               if (ec) return self->Close();
+                               self->m_buffer.commit(bytes);
+                               self->ReadRequest();
+                             });
   }
 
   void ReadRequest() {
@@ -272,10 +273,9 @@ class Server::Impl::Session : public std::enable_shared_from_this<Session> {
     m_parser->header_limit(static_cast<std::uint32_t>(options.maxHeaderBytes));
     m_parser->body_limit(options.maxBodyBytes);
     m_stream.expires_after(options.requestTimeout);
-    bhttp::async_read(m_stream, m_buffer, *m_parser,
-                      [self = shared_from_this()](beast::error_code ec, std::size_t) {
-                        self->OnRequest(ec);
-                      });
+    bhttp::async_read(
+        m_stream, m_buffer, *m_parser,
+        [self = shared_from_this()](beast::error_code ec, std::size_t) { self->OnRequest(ec); });
   }
 
   void OnRequest(beast::error_code ec) {
@@ -368,8 +368,10 @@ class Server::Impl::Session : public std::enable_shared_from_this<Session> {
 
   void Observe() {
     if (!m_server.m_observer) return;
-    m_server.m_observer(m_refused ? nullptr : m_request ? &*m_request : nullptr, m_status,
-                        Clock::now() - m_started);
+    m_server.m_observer(m_refused   ? nullptr
+                        : m_request ? &*m_request
+                                    : nullptr,
+                        m_status, Clock::now() - m_started);
   }
 
   // Ends the sending side, then reads (and drops) what the client still sends for a short
@@ -398,8 +400,9 @@ class Server::Impl::Session : public std::enable_shared_from_this<Session> {
     m_buffer.consume(m_buffer.size());
     m_buffer.shrink_to_fit();
 
-    std::string head = "HTTP/1.1 200 OK\r\nServer: korvel\r\nContent-Type: text/event-stream\r\n"
-                       "Cache-Control: no-cache\r\nX-Accel-Buffering: no\r\n";
+    std::string head =
+        "HTTP/1.1 200 OK\r\nServer: korvel\r\nContent-Type: text/event-stream\r\n"
+        "Cache-Control: no-cache\r\nX-Accel-Buffering: no\r\n";
     for (const auto& [name, value] : reply.response.headers) head += name + ": " + value + "\r\n";
     head += "\r\n";
     m_status = 200;
@@ -495,9 +498,8 @@ bool Server::Impl::StreamSink::Send(std::shared_ptr<const std::string> text) {
   auto session = m_session.lock();
   if (!session || session->Closed()) return false;
   auto executor = session->Executor();
-  return m_server.Post(executor, [session = std::move(session), text = std::move(text)] {
-    session->Enqueue(text);
-  });
+  return m_server.Post(
+      executor, [session = std::move(session), text = std::move(text)] { session->Enqueue(text); });
 }
 
 void Server::Impl::Accept() {
@@ -526,17 +528,24 @@ void Server::Impl::Accept() {
 }
 
 Server::Server(ServerOptions options, Handler handler, AnswerObserver observer)
-    : m_impl(std::make_shared<Impl>(std::move(options), std::move(handler), std::move(observer))) {
+    : m_impl(std::make_shared<Impl>(std::move(options), std::move(handler), std::move(observer))) {}
+
+Server::~Server() {
+  Stop();
 }
 
-Server::~Server() { Stop(); }
-
-std::uint16_t Server::Port() const { return m_impl->Port(); }
-const ServerStats& Server::Stats() const { return m_impl->m_stats; }
+std::uint16_t Server::Port() const {
+  return m_impl->Port();
+}
+const ServerStats& Server::Stats() const {
+  return m_impl->m_stats;
+}
 void Server::Start() {
   m_impl->Start();
   QXLOG(g_log, QXLOG_INFO) << "Serving HTTP on " << m_impl->m_options.address << ":" << Port();
 }
-void Server::Stop() { m_impl->Stop(); }
+void Server::Stop() {
+  m_impl->Stop();
+}
 
 }  // namespace korvel::http

@@ -30,9 +30,9 @@ namespace korvel::http {
 
 struct Request {
   std::string method;
-  std::string path;                           // the target without its query, not decoded
-  std::map<std::string, std::string> query;   // decoded; a name given twice keeps its last value
-  std::map<std::string, std::string> headers; // names in lower case
+  std::string path;                            // the target without its query, not decoded
+  std::map<std::string, std::string> query;    // decoded; a name given twice keeps its last value
+  std::map<std::string, std::string> headers;  // names in lower case
 };
 
 struct Response {

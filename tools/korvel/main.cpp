@@ -191,7 +191,8 @@ int main(int argc, char** argv) {
       "  GET /sd/prometheus?type=T[&port_attribute=port]   Prometheus HTTP service discovery\n"
       "  GET /metrics                            Prometheus metrics\n"
       "  GET /healthz                            200 while connected and every cache is current");
-  serveCommand->add_option("--listen", listen, "Address and port to listen on (port 0: any free one)")
+  serveCommand
+      ->add_option("--listen", listen, "Address and port to listen on (port 0: any free one)")
       ->check(Parsable("ADDR:PORT", korvel::cli::ParseListenAddress))
       ->type_name("ADDR:PORT")
       ->capture_default_str();

@@ -50,7 +50,9 @@ TypeView::TypeView(std::shared_ptr<Connection> conn, const std::string& type)
   m_cache.Start();
 }
 
-TypeView::~TypeView() { m_cache.Stop(); }
+TypeView::~TypeView() {
+  m_cache.Stop();
+}
 
 bool TypeView::WaitUntilCurrent(std::chrono::milliseconds timeout) const {
   return m_cache.WaitUntilCurrent(timeout);
@@ -85,9 +87,8 @@ bool TypeView::SendLocked(Subscriber& subscriber, const std::string& name,
                           const std::string& data) {
   auto sink = subscriber.sink.lock();
   if (!sink) return false;
-  return sink->Send(std::make_shared<const std::string>("id: " + std::to_string(m_sequence) +
-                                                        "\nevent: " + name + "\ndata: " + data +
-                                                        "\n\n"));
+  return sink->Send(std::make_shared<const std::string>(
+      "id: " + std::to_string(m_sequence) + "\nevent: " + name + "\ndata: " + data + "\n\n"));
 }
 
 void TypeView::BroadcastLocked(const std::string& name, const std::string& data) {
@@ -243,7 +244,8 @@ std::vector<TypeSummary> RegistryView::Summaries() {
   const auto deadline = Clock::now() + kFirstReadWait;
   std::vector<TypeSummary> summaries;
   for (const auto& view : views) {
-    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
+    const auto left =
+        std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
     view->WaitUntilCurrent(std::max(left, std::chrono::milliseconds(0)));
     const TypeView::State state = view->Now();
     TypeSummary summary{view->Type(), state.instances.size(), {}, state.current};

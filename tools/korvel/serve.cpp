@@ -103,9 +103,9 @@ class HttpMetrics {
     ++m_counts[{handler, status}];
     auto& histogram = m_durations[handler];
     if (!histogram) {
-      histogram = std::make_unique<qx::korvel::Histogram>(std::vector<double>{
-          0.0001, 0.00025, 0.0005, 0.001, 0.0025, 0.005, 0.01, 0.025, 0.05, 0.1, 0.25, 0.5, 1,
-          2.5, 5});
+      histogram = std::make_unique<qx::korvel::Histogram>(
+          std::vector<double>{0.0001, 0.00025, 0.0005, 0.001, 0.0025, 0.005, 0.01, 0.025, 0.05, 0.1,
+                              0.25, 0.5, 1, 2.5, 5});
     }
     histogram->Observe(std::chrono::duration<double>(took).count());
   }
@@ -142,8 +142,8 @@ class HttpMetrics {
   // make a sample per path it invents.
   static std::string Handler(const Request* request) {
     if (request == nullptr) return "refused";
-    static const char* const kPaths[] = {"/api/v1/types",  "/api/v1/instances", "/api/v1/instance",
-                                         "/api/v1/watch",  "/metrics",          "/sd/prometheus",
+    static const char* const kPaths[] = {"/api/v1/types", "/api/v1/instances", "/api/v1/instance",
+                                         "/api/v1/watch", "/metrics",          "/sd/prometheus",
                                          "/healthz"};
     for (const char* path : kPaths) {
       if (request->path == path) return path;
