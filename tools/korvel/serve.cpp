@@ -112,13 +112,14 @@ class HttpMetrics {
 
   void Write(MetricsText& out, const korvel::http::ServerStats& stats) {
     using Type = MetricsText::Type;
-    out.Declare("korvel_http_requests_total", Type::kCounter, "HTTP requests answered");
+    out.Declare("korvel_http_requests_total", Type::kCounter,
+                "HTTP requests answered, by handler and status code.");
     out.Declare("korvel_http_request_duration_seconds", Type::kHistogram,
-                "Time from a request's last byte to its answer's last byte");
-    out.Declare("korvel_http_connections", Type::kGauge, "Open HTTP connections");
-    out.Declare("korvel_http_streams", Type::kGauge, "Open event streams");
+                "Time from a request's last byte to its answer's last byte.");
+    out.Declare("korvel_http_connections", Type::kGauge, "Open HTTP connections.");
+    out.Declare("korvel_http_streams", Type::kGauge, "Open event streams.");
     out.Declare("korvel_http_rejected_connections_total", Type::kCounter,
-                "Connections refused with 503 because too many were open");
+                "Connections refused with 503 because too many were open.");
     {
       std::lock_guard<std::mutex> lock(m_mutex);
       for (const auto& [key, count] : m_counts) {
@@ -297,12 +298,12 @@ class Api {
     using Type = MetricsText::Type;
     MetricsText out;
     qx::korvel::WriteLibraryMetrics(out);
-    out.Declare("korvel_build_info", Type::kGauge, "The korvel version that serves; always 1");
+    out.Declare("korvel_build_info", Type::kGauge, "The korvel version that serves; always 1.");
     out.Add("korvel_build_info", {{"version", KORVEL_VERSION}}, 1);
-    out.Declare("korvel_types", Type::kGauge, "Service types with a liveness directory");
-    out.Declare("korvel_instances", Type::kGauge, "Live instances by type and status");
+    out.Declare("korvel_types", Type::kGauge, "Service types with a liveness directory.");
+    out.Declare("korvel_instances", Type::kGauge, "Live instances by type and status.");
     out.Declare("korvel_cache_stale", Type::kGauge,
-                "1 while the cache of a type is not current, else 0");
+                "1 while the cache of a type is not current, else 0.");
     try {
       const auto summaries = m_registry.Summaries();
       out.Add("korvel_types", {}, static_cast<double>(summaries.size()));
