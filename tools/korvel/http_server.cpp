@@ -272,14 +272,28 @@ class Server::Impl::Session : public std::enable_shared_from_this<Session> {
     m_parser.emplace();
     m_parser->header_limit(static_cast<std::uint32_t>(options.maxHeaderBytes));
     m_parser->body_limit(options.maxBodyBytes);
-    m_stream.expires_after(options.requestTimeout);
-    bhttp::async_read(
-        m_stream, m_buffer, *m_parser,
-        [self = shared_from_this()](beast::error_code ec, std::size_t) { self->OnRequest(ec); });
+    // A timeout of the stream would close the socket; this one cancels the read, so that the
+    // client still gets its 408.
+    m_stream.expires_never();
+    m_timedOut = false;
+    if (!m_requestTimer) m_requestTimer.emplace(m_stream.get_executor());
+    m_requestTimer->expires_after(options.requestTimeout);
+    m_requestTimer->async_wait([self = shared_from_this(), read = m_reads](beast::error_code ec) {
+      if (ec || read != self->m_reads) return;  // that read is over
+      self->m_timedOut = true;
+      beast::error_code ignored;
+      self->m_stream.socket().cancel(ignored);
+    });
+    bhttp::async_read(m_stream, m_buffer, *m_parser,
+                      [self = shared_from_this()](beast::error_code ec, std::size_t) {
+                        ++self->m_reads;
+                        self->m_requestTimer->cancel();
+                        self->OnRequest(ec);
+                      });
   }
 
   void OnRequest(beast::error_code ec) {
-    if (ec == beast::error::timeout) return Refuse(408, "the request took too long");
+    if (m_timedOut) return Refuse(408, "the request took too long");
     if (ec == bhttp::error::header_limit) return Refuse(413, "the request's header is too large");
     if (ec == bhttp::error::body_limit || ec == bhttp::error::unexpected_body) {
       return Refuse(413, "the request's body is too large");
@@ -466,6 +480,7 @@ class Server::Impl::Session : public std::enable_shared_from_this<Session> {
     m_stream.socket().shutdown(tcp::socket::shutdown_both, ignored);
     m_stream.close();
     if (m_keepAliveTimer) m_keepAliveTimer->cancel();
+    if (m_requestTimer) m_requestTimer->cancel();
     m_queue.clear();
     m_subscription.reset();
   }
@@ -481,6 +496,9 @@ class Server::Impl::Session : public std::enable_shared_from_this<Session> {
   bool m_keepAlive = false;
   bool m_head = false;
   bool m_refused = false;
+  bool m_timedOut = false;
+  std::uint64_t m_reads = 0;  // requests read so far
+  std::optional<net::steady_timer> m_requestTimer;
   Clock::time_point m_started = Clock::now();
 
   bool m_streaming = false;
