@@ -187,6 +187,9 @@ std::shared_ptr<TypeView> RegistryView::View(const std::string& type) {
     throw Failure("'alive' is not a service type: it is where liveness nodes live");
   }
   std::lock_guard<std::mutex> lock(m_mutex);
+  if (m_views.size() >= kMaxViews && m_views.count(normalised) == 0) {
+    throw Failure("too many service types are being read (" + std::to_string(kMaxViews) + ")");
+  }
   Entry& entry = m_views[normalised];
   if (!entry.view) {
     QXLOG(g_log, qx::logging::QXLOG_INFO) << "Reading service type '" << normalised << "'";
@@ -196,7 +199,17 @@ std::shared_ptr<TypeView> RegistryView::View(const std::string& type) {
   return entry.view;
 }
 
-std::shared_ptr<TypeView> RegistryView::CurrentView(const std::string& type) {
+std::shared_ptr<TypeView> RegistryView::CurrentView(const std::string& type, bool make) {
+  if (!make) {
+    bool held;
+    {
+      std::lock_guard<std::mutex> lock(m_mutex);
+      held = m_views.count(qx::korvel::NormalizePath(type)) != 0;
+    }
+    const int rc = held ? ZOK : m_conn->Exists(tree::AliveDir(type), nullptr);
+    if (rc == ZNONODE) return nullptr;
+    if (rc != ZOK) throw Failure("cannot read the service type '" + type + "': " + zerror(rc));
+  }
   auto view = View(type);
   view->WaitUntilCurrent(kFirstReadWait);
   return view;

@@ -92,11 +92,16 @@ class RegistryView {
   RegistryView(const RegistryView&) = delete;
   RegistryView& operator=(const RegistryView&) = delete;
 
+  // At most this many types are read at once.
+  static constexpr std::size_t kMaxViews = 4096;
+
   // The view of `type` (normalised), made and started when none is held; marks it used. Throws
-  // Failure for the type "alive" or below it, or an empty one.
+  // Failure for the type "alive" or below it, an empty one, or one beyond kMaxViews.
   std::shared_ptr<TypeView> View(const std::string& type);
-  // The view, waited for (bounded) until current.
-  std::shared_ptr<TypeView> CurrentView(const std::string& type);
+  // The view, waited for (bounded) until current. Null when none is held and the type has no
+  // liveness directory (unless `make` is set): a request for a type that does not exist makes
+  // no cache.
+  std::shared_ptr<TypeView> CurrentView(const std::string& type, bool make);
 
   // Every type with a liveness directory, found by walking the liveness tree (a directory that
   // holds instances, or none at all, is a type), with counts from its cache; sorted by type.
