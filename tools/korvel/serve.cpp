@@ -202,12 +202,12 @@ class Api {
   Response Instances(const Request& request) {
     const auto view = m_registry.CurrentView(TypeParameter(request), false);
     if (!view) return JsonResponse(Json::array());
-    const TypeView::State state = view->Now();
-    if (!state.current) {
+    auto [instances, current] = view->Rendered();
+    if (!current) {
       throw Refusal(503, "the instances of type '" + view->Type() + "' cannot be read now");
     }
     Response response;
-    response.body = state.instancesJson;
+    response.body = std::move(instances);
     return response;
   }
 
