@@ -32,6 +32,7 @@
 #include <boost/asio.hpp>
 #include <boost/beast/core.hpp>
 #include <boost/beast/http.hpp>
+#include <cctype>
 #include <condition_variable>
 #include <ctime>
 #include <fstream>
@@ -69,10 +70,11 @@ constexpr char kListening[] = "listening on http://";
 std::mutex g_problemsMutex;
 std::vector<std::string> g_problems;
 
-void Problem(const std::string& text) {
+void Problem(std::string text) {
+  while (!text.empty() && std::isspace(static_cast<unsigned char>(text.back()))) text.pop_back();
   Progress("serve: %s", text.c_str());
   std::lock_guard<std::mutex> lock(g_problemsMutex);
-  g_problems.push_back(text);
+  g_problems.push_back(std::move(text));
 }
 
 // The problems noted since the last call, for a row's note.
@@ -151,6 +153,19 @@ class ServerProcess {
 
   int Port() const { return m_port; }
   pid_t Pid() const { return m_child.Pid(); }
+
+  // What it is, and how it ended if it did, with what it wrote on stderr.
+  std::string Describe() {
+    std::string text = m_what;
+    if (const auto status = m_child.Wait(100ms)) {
+      text += " (exited with status " + std::to_string(*status) + ")";
+    }
+    const std::string errors = m_child.Output(ChildProcess::kStderr);
+    if (!errors.empty())
+      text +=
+          ", stderr: " + errors.substr(errors.size() - std::min<std::size_t>(errors.size(), 2000));
+    return text;
+  }
 
   // SIGTERM; a server that does not exit with 0 within 10 s is a problem.
   void Stop() {
@@ -383,7 +398,11 @@ struct LoadState {
 class LoadConnection : public std::enable_shared_from_this<LoadConnection> {
  public:
   LoadConnection(asio::io_context& io, LoadState& state, const std::string& target)
-      : m_socket(io), m_state(state), m_request(GetRequest(target)) {}
+      : m_socket(io), m_state(state), m_request(GetRequest(target)) {
+    // Beast reads no more than the buffer's free capacity (512 bytes at least): without room
+    // reserved, a large answer takes a read per 512 bytes.
+    m_buffer.reserve(64 * 1024);
+  }
 
   void Start(const tcp::endpoint& endpoint) {
     ++m_state.active;
@@ -451,7 +470,7 @@ using LoadFigures = std::array<double, 3>;
 
 // `connections` keep-alive connections to the server `server` getting `target` for `warmup`,
 // then counted for `duration`.
-LoadFigures Load(const ServerProcess& server, const std::string& target, std::uint64_t bodyBytes,
+LoadFigures Load(ServerProcess& server, const std::string& target, std::uint64_t bodyBytes,
                  int connections, int threads, Clock::duration warmup, Clock::duration duration) {
   LoadState state;
   asio::io_context io(threads);
@@ -476,7 +495,9 @@ LoadFigures Load(const ServerProcess& server, const std::string& target, std::ui
   if (state.active.load() != 0) {
     throw std::runtime_error("GET " + target + ": answers still missing 10 s after the end");
   }
-  if (!state.error.empty()) throw std::runtime_error("GET " + target + ": " + state.error);
+  if (!state.error.empty()) {
+    throw std::runtime_error("GET " + target + ": " + state.error + "; " + server.Describe());
+  }
   const double answers = static_cast<double>(state.counted.load());
   if (answers == 0) throw std::runtime_error("GET " + target + ": no answer within the window");
   return {answers / Seconds(duration), (serverAfter - serverBefore) * 1e6 / answers,
@@ -760,8 +781,15 @@ std::string ListedInstances(const ServerProcess& serve, const std::string& type,
   const bool ready = korvel::zklocal::WaitUntil(
       [&] {
         auto [status, text] = Get(serve.Port(), target);
-        if (status != 200)
+        if (status == 503) {
+          // Not read yet: asked again.
+          if (first) Problem("the first GET " + target + " was answered 503: " + text);
+          first = false;
+          return false;
+        }
+        if (status != 200) {
           throw std::runtime_error("GET " + target + ": " + std::to_string(status));
+        }
         const auto instances = nlohmann::json::parse(text);
         listed = instances.size();
         complete = 0;
@@ -787,7 +815,7 @@ std::string ListedInstances(const ServerProcess& serve, const std::string& type,
   return body;
 }
 
-void Throughput(const Args& args, const ServerProcess& serve, Registrar& registrar,
+void Throughput(const Args& args, ServerProcess& serve, Registrar& registrar,
                 std::vector<Row>& rows) {
   const int instances = args.Int("instances", 1000, 100);
   const int connections = args.Int("connections", 16, 16);
@@ -967,6 +995,7 @@ void IdleStreamMemory(const Args& args, Registrar& registrar, std::vector<Row>& 
 }  // namespace
 
 int main(int argc, char** argv) try {
+  qx::logging::SetMinimumLoggingLevel(qx::logging::QXLOG_WARNING);
   if (argc >= 3 && std::string(argv[1]) == "--constant-server") {
     const Args args(argc - 2, argv + 2, false);
     return ServeConstant(std::stoul(argv[2]), static_cast<unsigned>(args.Int("io-threads", 1, 1)),
@@ -975,7 +1004,6 @@ int main(int argc, char** argv) try {
   const Args args(argc, argv);
   const std::string korvel = args.Option("korvel", "");
   if (korvel.empty()) throw std::invalid_argument("serve_bench needs --korvel PATH");
-  qx::logging::SetMinimumLoggingLevel(qx::logging::QXLOG_WARNING);
   RaiseDescriptorLimit(static_cast<rlim_t>(args.Int("idle-clients", 1000, 100)) + 512);
 
   std::vector<Row> rows;
