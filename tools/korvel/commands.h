@@ -5,14 +5,18 @@
 
 #include <korvel/health.h>
 #include <korvel/service.h>
+#include <korvel/service_cache.h>
 
 #include <chrono>
+#include <cstdint>
+#include <map>
 #include <memory>
 #include <optional>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
+#include "http_server.h"
 #include "output.h"
 
 namespace korvel::cli {
@@ -62,7 +66,13 @@ struct RegisterOptions {
   std::optional<int> watchedPid;  // the registration ends when this process exits
 };
 
+struct ServeOptions {
+  korvel::http::ServerOptions server;
+  std::chrono::milliseconds cacheIdle{300000};  // a type's cache without readers is dropped then
+};
+
 int RunRegister(const Settings& settings, const RegisterOptions& options);
+int RunServe(const Settings& settings, const ServeOptions& options);
 int RunList(const Settings& settings, const std::string& type, bool json, bool watch);
 int RunShow(const Settings& settings, const std::string& type, const qx::korvel::ServiceId& id,
             const std::string& child, bool json);
@@ -85,8 +95,19 @@ std::string FormatInstances(const std::vector<InstanceFacts>& instances, bool js
 std::string ShowInstance(const qx::korvel::Connection& conn, const std::string& type,
                          const qx::korvel::ServiceId& id, const std::string& child, bool json);
 
+// The records at `nodes` (absolute paths) with everything below them, read a level at a time with
+// every request of a level in flight together; a node that does not exist has no entry. Each
+// record's name is "". Failure when a read fails otherwise.
+std::map<std::string, Record> ReadRecords(const qx::korvel::Connection& conn,
+                                          const std::vector<std::string>& nodes);
+// The instance's id and the own attributes that it publishes.
+InstanceFacts FactsOf(const qx::korvel::CachedInstance& instance);
+
 // "up", "down", "up_sending_disabled" -> the status; nullopt for anything else.
 std::optional<qx::korvel::Service::Status> ParseStatus(const std::string& text);
+// "ADDR:PORT" (an IPv4 address, or an IPv6 one in brackets) -> address and port; nullopt for
+// anything else.
+std::optional<std::pair<std::string, std::uint16_t>> ParseListenAddress(const std::string& text);
 // A ServiceId from its 36-character text form in either case; nullopt for anything else.
 std::optional<qx::korvel::ServiceId> ParseServiceId(const std::string& text);
 

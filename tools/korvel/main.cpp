@@ -176,6 +176,53 @@ int main(int argc, char** argv) {
   getCommand->add_option("ATTRIBUTE", attribute, "Attribute name")->required();
   getCommand->add_option("--child", child, "Path of a child record");
 
+  korvel::cli::ServeOptions serveOptions;
+  korvel::http::ServerOptions& server = serveOptions.server;
+  std::string listen = "127.0.0.1:7411";
+  int requestTimeoutMs = 10000, idleTimeoutMs = 60000, cacheIdleMs = 300000;
+  auto* serveCommand = app.add_subcommand(
+      "serve", "Serves the registry over HTTP (read-only) until SIGINT or SIGTERM.");
+  serveCommand->footer(
+      "Prints \"listening on http://ADDR:PORT\", then answers:\n"
+      "  GET /api/v1/types                       types with instance counts by status\n"
+      "  GET /api/v1/instances?type=T            the live instances of a type (as list --json)\n"
+      "  GET /api/v1/instance?type=T&id=ID       an instance's attributes and child records\n"
+      "  GET /api/v1/watch?type=T                the type's changes as Server-Sent Events\n"
+      "  GET /sd/prometheus?type=T[&port_attribute=port]   Prometheus HTTP service discovery\n"
+      "  GET /metrics                            Prometheus metrics\n"
+      "  GET /healthz                            200 while connected and every cache is current");
+  serveCommand
+      ->add_option("--listen", listen, "Address and port to listen on (port 0: any free one)")
+      ->check(Parsable("ADDR:PORT", korvel::cli::ParseListenAddress))
+      ->type_name("ADDR:PORT")
+      ->capture_default_str();
+  serveCommand->add_option("--max-connections", server.maxConnections, "Open connections at most")
+      ->check(CLI::Range(1, 1000000))
+      ->capture_default_str();
+  serveCommand->add_option("--max-streams", server.maxStreams, "Open event streams at most")
+      ->check(CLI::Range(1, 1000000))
+      ->capture_default_str();
+  serveCommand
+      ->add_option("--request-timeout", requestTimeoutMs,
+                   "Time a client has to send a request it started (else 408)")
+      ->check(CLI::Range(10, 3600 * 1000))
+      ->type_name("MS")
+      ->capture_default_str();
+  serveCommand
+      ->add_option("--idle-timeout", idleTimeoutMs, "Time a keep-alive connection may stay idle")
+      ->check(CLI::Range(10, 24 * 3600 * 1000))
+      ->type_name("MS")
+      ->capture_default_str();
+  serveCommand
+      ->add_option("--cache-idle", cacheIdleMs,
+                   "A type's cache is dropped when no reader asked for it this long")
+      ->check(CLI::Range(100, 24 * 3600 * 1000))
+      ->type_name("MS")
+      ->capture_default_str();
+  serveCommand->add_option("--io-threads", server.ioThreads, "Threads that read and write")
+      ->check(CLI::Range(1, 64))
+      ->capture_default_str();
+
   auto* demoCommand = app.add_subcommand(
       "demo", "Runs a tour against a ZooKeeper of its own (started on a free loopback port).");
 
@@ -214,6 +261,15 @@ int main(int argc, char** argv) {
     if (*listCommand) return korvel::cli::RunList(settings, type, json, watch);
     if (*showCommand) return korvel::cli::RunShow(settings, type, serviceId(), child, json);
     if (*getCommand) return korvel::cli::RunGet(settings, type, serviceId(), attribute, child);
+    if (*serveCommand) {
+      const auto address = korvel::cli::ParseListenAddress(listen);
+      server.address = address->first;
+      server.port = address->second;
+      server.requestTimeout = std::chrono::milliseconds(requestTimeoutMs);
+      server.idleTimeout = std::chrono::milliseconds(idleTimeoutMs);
+      serveOptions.cacheIdle = std::chrono::milliseconds(cacheIdleMs);
+      return korvel::cli::RunServe(settings, serveOptions);
+    }
     if (*demoCommand) return korvel::cli::RunDemo(settings);
   } catch (const std::exception& e) {
     std::cerr << "korvel: " << e.what() << "\n";

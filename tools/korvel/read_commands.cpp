@@ -10,6 +10,7 @@
 #include <iostream>
 #include <map>
 #include <mutex>
+#include <set>
 #include <thread>
 
 #include "commands.h"
@@ -94,8 +95,8 @@ void SortInstances(std::vector<InstanceFacts>& instances) {
   });
 }
 
-InstanceFacts FactsOf(const ServiceId& id,
-                      const std::function<const std::string*(tree::OwnAttribute)>& get) {
+InstanceFacts Facts(const ServiceId& id,
+                    const std::function<const std::string*(tree::OwnAttribute)>& get) {
   InstanceFacts facts{qx::uuid::to_string(id), {}};
   for (std::size_t a = 0; a < tree::kOwnAttributeCount; ++a) {
     if (const std::string* value = get(static_cast<tree::OwnAttribute>(a))) {
@@ -105,38 +106,30 @@ InstanceFacts FactsOf(const ServiceId& id,
   return facts;
 }
 
-std::vector<InstanceFacts> FactsOf(const qx::korvel::ServiceSnapshot& snapshot) {
+std::vector<InstanceFacts> SnapshotFacts(const qx::korvel::ServiceSnapshot& snapshot) {
   std::vector<InstanceFacts> instances;
-  for (const auto& instance : snapshot.instances) {
-    instances.push_back(FactsOf(instance->id, [&](tree::OwnAttribute a) {
-      return instance->Attribute(tree::kOwnAttributeNames[a]);
-    }));
-  }
+  for (const auto& instance : snapshot.instances) instances.push_back(FactsOf(*instance));
   SortInstances(instances);
   return instances;
 }
 
-// Reads the nodes below `node` a level at a time, each level's listings and then its values in
-// flight together: `listed` receives the sorted child names of `node` and of every node below
-// it that has children, `values` the value of every other node below it. False when `node`
-// does not exist.
-bool ReadSubtree(const Connection& conn, const std::string& node, const std::string& instance,
-                 std::map<std::string, std::vector<std::string>>& listed,
-                 std::map<std::string, std::string>& values) {
-  const auto relative = [&node](const std::string& path) { return path.substr(node.size() + 1); };
-  std::vector<std::string> level = {node};
+// Reads the nodes below `roots` a level at a time, each level's listings and then its values in
+// flight together: `listed` receives the sorted child names of every root that exists and of
+// every node below one that has children, `values` the value of every other node below a root.
+void ReadSubtrees(const Connection& conn, const std::vector<std::string>& roots,
+                  std::map<std::string, std::vector<std::string>>& listed,
+                  std::map<std::string, std::string>& values) {
+  const std::set<std::string> isRoot(roots.begin(), roots.end());
+  std::vector<std::string> level = roots;
   while (!level.empty()) {
     std::vector<std::vector<std::string>> children;
     const std::vector<int> codes = conn.GetChildrenAll(level, children);
     std::vector<std::string> next;
     std::vector<Connection::ReadRequest> leaves;
     for (std::size_t i = 0; i < level.size(); ++i) {
-      if (codes[i] == ZNONODE) {
-        if (level[i] == node) return false;
-        continue;  // removed meanwhile
-      }
-      Check(codes[i], "cannot read instance " + instance);
-      if (children[i].empty() && level[i] != node) {
+      if (codes[i] == ZNONODE) continue;  // missing, or removed meanwhile
+      Check(codes[i], "cannot list " + level[i]);
+      if (children[i].empty() && isRoot.count(level[i]) == 0) {
         leaves.push_back({level[i]});
         continue;
       }
@@ -148,15 +141,14 @@ bool ReadSubtree(const Connection& conn, const std::string& node, const std::str
     const std::vector<int> readCodes = conn.GetAll(leaves, read);
     for (std::size_t i = 0; i < leaves.size(); ++i) {
       if (readCodes[i] == ZNONODE) continue;
-      Check(readCodes[i], "cannot read " + relative(leaves[i].path) + " of instance " + instance);
+      Check(readCodes[i], "cannot read " + leaves[i].path);
       values[leaves[i].path] = std::move(read[i]);
     }
     level = std::move(next);
   }
-  return true;
 }
 
-// The record `name` at `node` from what ReadSubtree read.
+// The record `name` at `node` from what ReadSubtrees read.
 Record BuildRecord(const std::string& node, const std::string& name,
                    const std::map<std::string, std::vector<std::string>>& listed,
                    const std::map<std::string, std::string>& values) {
@@ -217,7 +209,7 @@ int WatchInstances(std::shared_ptr<Connection> conn, const std::string& type, bo
     }
     current = snapshot->current;
     if (!current) continue;
-    const std::string text = FormatInstances(FactsOf(*snapshot), json);
+    const std::string text = FormatInstances(SnapshotFacts(*snapshot), json);
     if (text != printed) std::cout << (printed.empty() ? "" : "\n") << text << std::flush;
     printed = text;
   }
@@ -252,7 +244,7 @@ std::vector<InstanceFacts> ReadInstances(const Connection& conn, const std::stri
   for (const auto& instance : read) {
     // Gone by now, or not written yet.
     if (!instance.Any()) continue;
-    instances.push_back(FactsOf(
+    instances.push_back(Facts(
         instance.id, [&](tree::OwnAttribute a) { return instance[a] ? &*instance[a] : nullptr; }));
   }
   SortInstances(instances);
@@ -270,16 +262,34 @@ std::string ShowInstance(const Connection& conn, const std::string& type, const 
   const std::string path = qx::korvel::NormalizePath(child);
   const std::string dataPath = tree::DataPath(type, id);
   const std::string node = path.empty() ? dataPath : tree::Below(dataPath, path);
-  std::map<std::string, std::vector<std::string>> listed;
-  std::map<std::string, std::string> values;
-  if (!ReadSubtree(conn, node, idText, listed, values)) {
+  auto records = ReadRecords(conn, {node});
+  if (records.empty()) {
     if (path.empty() || conn.Exists(dataPath, nullptr) == ZNONODE) {
       throw Failure("no instance " + idText + " of type '" + type + "'");
     }
     throw Failure("instance " + idText + " has no child record '" + path + "'");
   }
-  const Record record = BuildRecord(node, path, listed, values);
+  Record& record = records.begin()->second;
+  record.name = path;
   return json ? Dump(RecordToJson(record)) : FormatRecord(record);
+}
+
+std::map<std::string, Record> ReadRecords(const Connection& conn,
+                                          const std::vector<std::string>& nodes) {
+  std::map<std::string, std::vector<std::string>> listed;
+  std::map<std::string, std::string> values;
+  ReadSubtrees(conn, nodes, listed, values);
+  std::map<std::string, Record> records;
+  for (const std::string& node : nodes) {
+    if (listed.count(node) != 0) records.emplace(node, BuildRecord(node, "", listed, values));
+  }
+  return records;
+}
+
+InstanceFacts FactsOf(const qx::korvel::CachedInstance& instance) {
+  return Facts(instance.id, [&](tree::OwnAttribute a) {
+    return instance.Attribute(tree::kOwnAttributeNames[a]);
+  });
 }
 
 std::optional<qx::korvel::Service::Status> ParseStatus(const std::string& text) {
