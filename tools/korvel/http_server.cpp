@@ -513,11 +513,16 @@ class Server::Impl::Session : public std::enable_shared_from_this<Session> {
 };
 
 bool Server::Impl::StreamSink::Send(std::shared_ptr<const std::string> text) {
+  // The connection is taken only under the server's lock and handed to the io_context at once:
+  // once the server stops, no thread but the io_context's own holds a connection.
+  std::lock_guard<std::mutex> lock(m_server.m_postMutex);
+  if (m_server.m_stopped) return false;
   auto session = m_session.lock();
   if (!session || session->Closed()) return false;
   auto executor = session->Executor();
-  return m_server.Post(
-      executor, [session = std::move(session), text = std::move(text)] { session->Enqueue(text); });
+  net::post(executor,
+            [session = std::move(session), text = std::move(text)] { session->Enqueue(text); });
+  return true;
 }
 
 void Server::Impl::Accept() {
