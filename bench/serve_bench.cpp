@@ -16,7 +16,7 @@
 //
 //   serve_bench HOSTS --korvel PATH [--quick] [--json FILE] [--instances N] [--connections N]
 //               [--seconds S] [--rounds R] [--io-threads N] [--sse-clients N] [--add-rounds R]
-//               [--idle-clients N] [--memory-rounds R]
+//               [--idle-clients N] [--memory-rounds R] [--client-threads N] [--handler-threads N]
 //   serve_bench --constant-server BYTES [--io-threads N] [--handler-threads N]
 #include <korvel/service_cache.h>
 #include <korvel/tree.h>
