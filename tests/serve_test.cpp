@@ -724,6 +724,25 @@ std::map<std::string, int> ConnectionsTo(pid_t pid, int port) {
   return connections;
 }
 
+// True when every thread of process `pid` has stopped (state T in /proc): a SIGSTOP has taken
+// effect, which it does some time after kill() returns.
+bool AllThreadsStopped(pid_t pid) {
+  std::error_code error;
+  bool any = false;
+  for (const auto& task :
+       std::filesystem::directory_iterator("/proc/" + std::to_string(pid) + "/task", error)) {
+    std::ifstream stat(task.path() / "stat");
+    std::string text;
+    std::getline(stat, text);
+    // "tid (name) S ...": the state follows the name's closing parenthesis.
+    const std::size_t paren = text.rfind(')');
+    if (paren == std::string::npos || paren + 2 >= text.size()) return false;
+    if (text[paren + 2] != 'T') return false;
+    any = true;
+  }
+  return any;
+}
+
 // What changes in the tree when anything writes: the number of nodes below a root, the highest
 // creation, modification and child-list zxids among them, and the children of "/".
 struct TreeState {
@@ -1353,6 +1372,7 @@ TEST(ServeTest, AnExpiredSessionMakesTheStreamStaleThenCurrentAgain) {
   // Stopped for longer than its session timeout: the server expires the session and closes the
   // connection, which the stopped process cannot close itself. Meanwhile the registry changes.
   serve.Process().Signal(SIGSTOP);
+  ASSERT_TRUE(WaitUntil([&] { return AllThreadsStopped(serve.Process().Pid()); }, kSettle));
   kept->SetStatus(Service::UP);
   leaving.reset();
   auto joined = RegisterInstance(conn, type, "joined");
