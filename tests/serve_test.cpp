@@ -711,6 +711,22 @@ std::optional<Event> NextBesidesPartialChanges(EventStream& stream, const std::s
   }
 }
 
+// Follows the `changed` events of an instance that was `added` before all its attributes were
+// written, until its status is known: each one an attribute appearing (old null).
+void AwaitStatus(EventStream& stream, const Event& added, std::vector<Event>& seen) {
+  const std::string id = Text(added.Data(), "id");
+  Json view = added.Data();
+  while (!view.contains("status")) {
+    const auto change = stream.Next();
+    ASSERT_TRUE(change && change->name == "changed") << stream.Describe();
+    const Json data = change->Data();
+    ASSERT_EQ(id, Text(data, "id")) << *change;
+    ASSERT_TRUE(data.contains("old") && data["old"].is_null()) << *change;
+    view[Text(data, "attribute")] = Member(data, "new");
+    seen.push_back(*change);
+  }
+}
+
 // ---- ZooKeeper as seen from outside -------------------------------------------------------
 
 // The TCP connections that process `pid` holds to 127.0.0.1:`port`: the state of each (as
@@ -881,13 +897,13 @@ TEST(ServeTest, TypesCountTheInstancesOfEveryTypeByStatus) {
     const Json types = GetJson(serve.Port(), "/api/v1/types");
     std::map<std::string, Json> byType;
     std::vector<std::string> order;
+    EXPECT_TRUE(types.is_array()) << types;
     if (!types.is_array()) return byType;
     for (const Json& entry : types) {
       const std::string type = Text(entry, "type");
       order.push_back(type);
       byType[type] = entry;
     }
-    EXPECT_TRUE(types.is_array()) << types;
     EXPECT_TRUE(std::is_sorted(order.begin(), order.end())) << types;
     EXPECT_EQ(order.size(), byType.size()) << "a type listed twice: " << types;
     for (const std::string& type : order) {
@@ -1350,16 +1366,8 @@ TEST(ServeTest, WatchStreamsASnapshotThenEveryChangeWithinASecond) {
   EXPECT_LT(added->arrived - changeAt, kEventDeadline) << *added;
   EXPECT_EQ(id, Text(added->Data(), "id")) << *added;
   seen.push_back(*added);
-  Json view = added->Data();
-  while (!view.contains("status")) {
-    auto change = stream.Next();
-    ASSERT_TRUE(change && change->name == "changed") << stream.Describe();
-    const Json data = change->Data();
-    ASSERT_EQ(id, Text(data, "id")) << *change;
-    ASSERT_TRUE(data.contains("old") && data["old"].is_null()) << *change;
-    view[Text(data, "attribute")] = Member(data, "new");
-    seen.push_back(*change);
-  }
+  // The status must be known before it changes.
+  ASSERT_NO_FATAL_FAILURE(AwaitStatus(stream, *added, seen));
 
   // Changed.
   changeAt = Clock::now();
@@ -1389,6 +1397,8 @@ TEST(ServeTest, WatchStreamsASnapshotThenEveryChangeWithinASecond) {
   ASSERT_TRUE(added) << stream.Describe();
   EXPECT_EQ("added", added->name) << *added;
   EXPECT_EQ(third.Id(), Text(added->Data(), "id"));
+  seen.push_back(*added);
+  ASSERT_NO_FATAL_FAILURE(AwaitStatus(stream, *added, seen));
   changeAt = Clock::now();
   EXPECT_EQ("ok status up_sending_disabled", third.Command("status up_sending_disabled"));
   changed = NextBesidesPartialChanges(stream, third.Id());
@@ -1399,6 +1409,7 @@ TEST(ServeTest, WatchStreamsASnapshotThenEveryChangeWithinASecond) {
                   {"new", "up_sending_disabled"}}),
             changed->Data());
   EXPECT_LT(changed->arrived - changeAt, kEventDeadline) << *changed;
+  seen.push_back(*changed);
   changeAt = Clock::now();
   third.Process().Signal(SIGTERM);
   removed = NextBesidesPartialChanges(stream, third.Id());
