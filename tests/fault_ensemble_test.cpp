@@ -45,7 +45,7 @@ class FaultEnsembleTest : public LeakCheckedTest {
   static bool Progress(const Stream& writes, const Stream& reads) {
     const long w = writes.ok.load(), r = reads.ok.load();
     return WaitUntil([&] { return writes.ok.load() >= w + 3 && reads.ok.load() >= r + 3; },
-                     30000ms);
+                     60000ms);
   }
 
   static ZooKeeperEnsemble* ensemble;
