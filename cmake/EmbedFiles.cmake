@@ -52,7 +52,8 @@ foreach(name IN LISTS FILES)
   math(EXPR size "${digits} / 2")
   # 0x.., one line per 32 bytes.
   string(REGEX REPLACE "([0-9a-f][0-9a-f])" "0x\\1," bytes "${hex}")
-  string(REGEX REPLACE "((0x[0-9a-f][0-9a-f],){32})" "\\1\n    " bytes "${bytes}")
+  string(REPEAT "0x[0-9a-f][0-9a-f]," 32 line)  # CMake's regular expressions have no {32}
+  string(REGEX REPLACE "(${line})" "\\1\n    " bytes "${bytes}")
   string(APPEND arrays "const unsigned char kFile${index}[] = {\n    ${bytes}0x00};\n")
   string(APPEND table "    {\"${name}\", \"${version}\", kFile${index}, ${size}},\n")
   if(name MATCHES "\\.html$")

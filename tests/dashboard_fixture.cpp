@@ -132,8 +132,8 @@ class Fixture {
     for (long n = 0; n < total; ++n) {
       const std::size_t i = static_cast<std::size_t>(n) % seeded.ids.size();
       seeded.down[i] = !seeded.down[i];
-      const std::string status = tree::OwnAttributePath(
-          tree::DataPath(it->first, seeded.ids[i]), tree::kStatus);
+      const std::string status =
+          tree::OwnAttributePath(tree::DataPath(it->first, seeded.ids[i]), tree::kStatus);
       if (Conn().Set(status, seeded.down[i] ? "down" : "up", -1) != ZOK) ++failed;
       next += step;
       std::this_thread::sleep_until(next);

@@ -55,7 +55,10 @@ TypeView::~TypeView() {
 }
 
 bool TypeView::WaitUntilCurrent(std::chrono::milliseconds timeout) const {
-  return m_cache.WaitUntilCurrent(timeout);
+  // The cache publishes a snapshot before its listener (OnEvent) hears of the change: waiting for
+  // the cache alone could answer with instances and a state that the view does not have yet.
+  std::unique_lock<std::mutex> lock(m_mutex);
+  return m_currentChanged.wait_for(lock, timeout, [this] { return m_current; });
 }
 
 bool TypeView::Followed() const {
@@ -128,6 +131,7 @@ void TypeView::OnEvent(const ServiceCacheEvent& event) {
     }
     case Type::kCurrent:
       m_current = true;
+      m_currentChanged.notify_all();
       QXLOG(g_log, qx::logging::QXLOG_INFO) << "The cache of type '" << m_type << "' is current";
       BroadcastLocked("current", *RenderLocked());
       break;

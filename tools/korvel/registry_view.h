@@ -44,7 +44,8 @@ class TypeView : public std::enable_shared_from_this<TypeView> {
   };
   // What the cache knows now. Renders the JSON at most once per change.
   State Now();
-  // Waits until the cache is current; false when `timeout` passed first.
+  // Waits until the view is current (what Now() reports, not only the cache, which publishes
+  // before it tells the view); false when `timeout` passed first.
   bool WaitUntilCurrent(std::chrono::milliseconds timeout) const;
 
   // Sends `sink` an event "snapshot" with the instances, "stale" when the cache is not current,
@@ -66,6 +67,7 @@ class TypeView : public std::enable_shared_from_this<TypeView> {
 
   const std::string m_type;
   mutable std::mutex m_mutex;
+  mutable std::condition_variable m_currentChanged;  // m_current became true
   std::map<qx::korvel::ServiceId, qx::korvel::CachedInstancePtr> m_instances;
   std::shared_ptr<const std::string> m_rendered;  // null after a change
   bool m_current = false;

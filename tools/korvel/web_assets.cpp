@@ -45,8 +45,7 @@ const std::map<std::string, Asset, std::less<>>& Assets() {
       const EmbeddedFile& file = kEmbeddedFiles[i];
       (*made)[file.name] = {
           ContentType(file.name), file.version,
-          std::make_shared<const std::string>(reinterpret_cast<const char*>(file.data),
-                                              file.size)};
+          std::make_shared<const std::string>(reinterpret_cast<const char*>(file.data), file.size)};
     }
     return made;
   }();

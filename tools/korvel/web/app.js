@@ -22,11 +22,13 @@
   const HEALTH_OK_POLL_MS = 5000;
   const HEALTH_BAD_POLL_MS = 1500;
   const REQUEST_TIMEOUT_MS = 8000;
+  const CHUNK_ROWS = 50;  // rows that are rendered, or skipped out of view, together
   const LEAVING_MS = 1600;  // how long a gone instance stays in view, highlighted
   const collator = new Intl.Collator(undefined, {numeric: true, sensitivity: 'base'});
 
-  // What the tests and the curious can read: when the first table was drawn, and how.
-  const metrics = {firstRender: null};
+  // What the tests and the curious can read: when the first table was drawn, and what drawing
+  // the changes of the live stream cost (frames that drew something, the script time they took).
+  const metrics = {firstRender: null, draws: {count: 0, rows: 0, totalMs: 0, maxMs: 0}};
   window.korvelDashboard = {metrics};
 
   // ---- Small helpers ---------------------------------------------------------------------------
@@ -44,11 +46,17 @@
         else node.setAttribute(key, value === true ? '' : String(value));
       }
     }
-    for (const child of children.flat()) {
-      if (child === null || child === undefined || child === false) continue;
-      node.append(child instanceof Node ? child : String(child));
-    }
+    append(node, children);
     return node;
+  }
+
+  // Appends nodes, texts and arrays of them; skips null, undefined and false.
+  function append(node, children) {
+    for (const child of children) {
+      if (child === null || child === undefined || child === false) continue;
+      if (Array.isArray(child)) append(node, child);
+      else node.appendChild(child instanceof Node ? child : document.createTextNode(String(child)));
+    }
   }
 
   const pad = (n) => String(n).padStart(2, '0');
@@ -103,10 +111,12 @@
 
   // A time as the page shows it: local, with UTC and the age beside.
   function timeBlock(date, agePrefix) {
-    const sameDay = dateText(date, false) === dateText(date, true);
-    const utc = sameDay ? `${clockText(date, true)} UTC` : utcText(date);
-    return h('span', {title: `${localText(date)} ${zoneName} = ${utcText(date)}`},
-        h('time', {datetime: date.toISOString()}, localText(date)),
+    // Local fields cost a time zone conversion each: each text is made once (1,000 rows).
+    const local = localText(date);
+    const utcFull = utcText(date);
+    const utc = local.slice(0, 10) === utcFull.slice(0, 10) ? utcFull.slice(11) : utcFull;
+    return h('span', {title: `${local} ${zoneName} = ${utcFull}`},
+        h('time', {datetime: date.toISOString()}, local),
         h('span', {class: 'sub'}, `${utc} · ${agePrefix || ''}`, ageSpan(date)));
   }
 
@@ -161,7 +171,8 @@
     stream: null,  // {state: 'connecting'|'open'|'down', downSince, staleSince}
     healthTimer: null,
     tickTimer: null,
-    lastState: null,
+    bannerAge: null,
+    unhealthyAnswers: 0,
 
     reached() {
       if (!this.reachable) {
@@ -192,16 +203,21 @@
           this.healthOk = true;
           this.unhealthySince = null;
           this.healthReason = '';
+          this.unhealthyAnswers = 0;
         } else {
-          if (this.healthOk !== false) this.unhealthySince = new Date();
-          this.healthOk = false;
+          if (!this.unhealthyAnswers++) this.unhealthySince = new Date();
           this.healthReason = String(answer.body).trim() || `HTTP ${answer.status}`;
+          // A type's cache is briefly not current while it is made (when a page first asks for
+          // the type): only a second answer in a row makes that stale. No ZooKeeper is at once.
+          if (this.unhealthyAnswers > 1 || /not connected/.test(this.healthReason)) {
+            this.healthOk = false;
+          }
         }
       } catch (e) {
         // unreachable() has been told.
       }
       this.show();
-      const healthy = this.reachable && this.healthOk;
+      const healthy = this.reachable && this.healthOk && !this.unhealthyAnswers;
       clearTimeout(this.healthTimer);
       this.healthTimer = setTimeout(() => this.checkHealth(),
           healthy ? HEALTH_OK_POLL_MS : HEALTH_BAD_POLL_MS);
@@ -253,21 +269,28 @@
       pill.title = s.state === 'connected' ?
         'Connected to korvel serve, which is connected to ZooKeeper' : s.message;
       if (s.state === 'reconnecting' || s.state === 'stale') {
-        banner.hidden = false;
-        banner.dataset.state = s.state;
-        const when = s.since ? `Since ${localText(s.since)} (${ago(s.since)}). ` : '';
-        banner.textContent = `${s.state === 'stale' ? 'Stale' : 'Disconnected'}. ${when}${s.message}`;
-        // Announced once per change of state, not at every refresh of its age.
-        if (this.lastState !== s.state) banner.setAttribute('role', 'alert');
+        // Made again only when what it says changes, so that a screen reader announces it once;
+        // its age moves on beside it, hidden from the announcement.
+        const key = `${s.state}|${s.since && s.since.getTime()}|${s.message}`;
+        if (banner.dataset.key !== key) {
+          banner.dataset.key = key;
+          banner.dataset.state = s.state;
+          this.bannerAge = h('span', {'aria-hidden': 'true'});
+          banner.replaceChildren(h('strong', null, s.state === 'stale' ? 'Stale.' : 'Disconnected.'),
+              ' ', s.since ? `Since ${localText(s.since)} ` : '', this.bannerAge, ' ', s.message);
+          banner.setAttribute('role', 'alert');
+          banner.hidden = false;
+        }
+        this.bannerAge.textContent = s.since ? `(${ago(s.since)}).` : '';
         if (!this.tickTimer) this.tickTimer = setInterval(() => this.show(), 1000);
       } else {
         banner.hidden = true;
         banner.removeAttribute('role');
         banner.dataset.state = s.state;
+        banner.dataset.key = '';
         clearInterval(this.tickTimer);
         this.tickTimer = null;
       }
-      this.lastState = s.state;
     },
   };
 
@@ -369,12 +392,16 @@
 
   // ---- Tables ----------------------------------------------------------------------------------
 
-  // A sortable, filterable table whose rows are kept by key, so that a change redraws only its
-  // row and a reorder moves rows instead of making them again.
-  //   columns: [{id, label, value(item) for sorting, text(item) for the filter, cell(item) ->
-  //             Node|string, numeric, className}]
+  // A sortable, filterable table whose rows are kept by key, so that a change redraws only the
+  // cells it changed and a reorder moves rows instead of making them again. Rows are ARIA table
+  // rows laid out by CSS grid rather than <tr>s (where a change in any cell lays out every row
+  // again), in chunks of CHUNK_ROWS: a chunk out of view is neither styled, laid out nor painted
+  // (content-visibility), so that the work of a frame does not grow with the rows.
+  //   columns: [{id, label, title, value(item) for sorting, text(item) for the filter,
+  //             cell(item) -> Node|string, sig(item) (what the cell shows, when more than value
+  //             and text), numeric, className}]
   //   key(item), rowClass(item), predicate(item) (false: hidden, besides the filter words),
-  //   onChange() (the order changed), sort and dir (the initial order), emptyText
+  //   onChange() (the order changed), sort and dir (the initial order), emptyText, className
   class KeyedTable {
     constructor(options) {
       this.options = options;
@@ -382,22 +409,25 @@
       this.sortId = options.sort || this.columns[0].id;
       this.sortDir = options.dir === 'desc' ? 'desc' : 'asc';
       this.terms = [];
-      this.rows = new Map();  // key -> {tr, item, haystack}
+      this.rows = new Map();  // key -> {tr, cells, sigs, item, key, haystack, sortValue, shown}
       this.order = [];        // keys of the rows in the body, in order
+      this.chunks = [];       // the body's chunks of rows
       this.headers = new Map();
-      const head = h('tr', null, this.columns.map((column) => {
-        const button = h('button', {type: 'button', onclick: () => this.sortBy(column.id)},
-            column.label, h('span', {class: 'dir', 'aria-hidden': 'true'}));
-        const th = h('th', {scope: 'col', class: column.numeric ? 'num' : null}, button);
+      const head = h('div', {role: 'row', class: 'grid-row'}, this.columns.map((column) => {
+        const button = h('button', {type: 'button', title: column.title,
+          onclick: () => this.sortBy(column.id)},
+        column.label, h('span', {class: 'dir', 'aria-hidden': 'true'}));
+        const th = h('div', {role: 'columnheader', class: `th${column.numeric ? ' num' : ''}`},
+            button);
         this.headers.set(column.id, th);
         return th;
       }));
-      this.body = h('tbody');
+      this.body = h('div', {role: 'rowgroup', class: 'grid-body'});
       this.empty = h('p', {class: 'empty', hidden: true});
-      this.table = h('table', {class: 'grid'},
-          h('caption', {class: 'visually-hidden'}, options.caption), h('thead', null, head),
-          this.body);
-      this.element = h('div', {class: 'table-wrap cards'}, this.table, this.empty);
+      this.table = h('div', {role: 'table', class: `grid ${options.className || ''}`,
+        'aria-label': options.caption},
+      h('div', {role: 'rowgroup', class: 'grid-head'}, head), this.body);
+      this.element = h('div', {class: 'table-wrap'}, this.table, this.empty);
       this.showSort();
     }
 
@@ -425,56 +455,82 @@
       this.terms = text.toLowerCase().split(/\s+/).filter(Boolean);
     }
 
+    column() {
+      return this.columns.find((c) => c.id === this.sortId) || this.columns[0];
+    }
+
+    matches(row) {
+      if (this.options.predicate && !this.options.predicate(row.item)) return false;
+      return this.terms.every((term) => row.haystack.includes(term));
+    }
+
     // Redraws the rows of `dirty` keys (all when null) from `items`, then filters, sorts and
-    // places the rows. A key in `dirty` that `items` lacks loses its row.
+    // places the rows. A key in `dirty` that `items` lacks loses its row. When no redrawn row
+    // changed its place or whether it is shown, nothing else is touched: a burst of status
+    // changes costs only its own rows.
     update(items, dirty) {
       const keys = dirty || new Set([...items.keys(), ...this.rows.keys()]);
+      const column = this.column();
+      let moved = dirty === null || this.lastSort !== `${this.sortId}|${this.sortDir}`;
       for (const key of keys) {
         const item = items.get(key);
-        const row = this.rows.get(key);
+        let row = this.rows.get(key);
         if (!item) {
           if (row) {
             row.tr.remove();
             this.rows.delete(key);
+            moved = true;
           }
           continue;
         }
-        if (row) this.fill(row, item);
-        else this.rows.set(key, this.fill({tr: null}, item));
+        if (!row) {
+          row = {tr: null};
+          this.rows.set(key, row);
+          moved = true;
+        }
+        this.fill(row, item);
+        const sortValue = column.value(item);
+        const shown = this.matches(row);
+        if (sortValue !== row.sortValue || shown !== row.shown) moved = true;
+        row.sortValue = sortValue;
+        row.shown = shown;
       }
-      const visible = [];
-      for (const row of this.rows.values()) {
-        if (this.options.predicate && !this.options.predicate(row.item)) continue;
-        if (this.terms.every((term) => row.haystack.includes(term))) visible.push(row);
-      }
-      const column = this.columns.find((c) => c.id === this.sortId) || this.columns[0];
-      const sign = this.sortDir === 'asc' ? 1 : -1;
-      const compare = (a, b) => {
-        const x = a.sortValue, y = b.sortValue;
-        let r;
-        if (typeof x === 'number' && typeof y === 'number') r = x - y;
-        else r = collator.compare(String(x), String(y));
-        return r * sign || collator.compare(a.key, b.key);
-      };
-      for (const row of visible) row.sortValue = column.value(row.item);
-      visible.sort(compare);
-      this.place(visible);
-      this.empty.hidden = visible.length > 0;
-      this.table.hidden = visible.length === 0;
-      if (!visible.length) {
+      if (moved) this.arrange(column);
+      this.lastSort = `${this.sortId}|${this.sortDir}`;
+      this.empty.hidden = this.order.length > 0;
+      this.table.hidden = this.order.length === 0;
+      if (!this.order.length) {
         this.empty.textContent = this.rows.size ? 'Nothing matches the filter.' :
           this.options.emptyText;
       }
-      return visible.length;
+      return this.order.length;
+    }
+
+    // Filters and sorts every row, and places them.
+    arrange(column) {
+      const visible = [];
+      for (const row of this.rows.values()) {
+        row.sortValue = column.value(row.item);
+        row.shown = this.matches(row);
+        if (row.shown) visible.push(row);
+      }
+      const sign = this.sortDir === 'asc' ? 1 : -1;
+      visible.sort((a, b) => {
+        const x = a.sortValue, y = b.sortValue;
+        const r = typeof x === 'number' && typeof y === 'number' ? x - y :
+          collator.compare(String(x), String(y));
+        return r * sign || collator.compare(a.key, b.key);
+      });
+      this.place(visible);
     }
 
     fill(row, item) {
       const key = this.options.key(item);
       if (!row.tr) {
-        row.tr = h('tr', {'data-key': key});
+        row.tr = h('div', {role: 'row', class: 'grid-row', 'data-key': key});
         row.cells = this.columns.map((column) => {
-          const td = h('td', {'data-label': column.label,
-            class: [column.numeric ? 'num' : '', column.className || ''].join(' ').trim() || null});
+          const td = h('div', {role: 'cell', 'data-label': column.label,
+            class: `td${column.numeric ? ' num' : ''}${column.className ? ' ' + column.className : ''}`});
           row.tr.append(td);
           return td;
         });
@@ -484,14 +540,19 @@
       row.haystack = this.columns.map((c) => (c.text ? c.text(item) : '')).join(' ').toLowerCase();
       // A row redrawn under the keyboard focus gives it back to its new link.
       const focused = row.tr.contains(document.activeElement);
+      if (!row.sigs) row.sigs = [];
       this.columns.forEach((column, i) => {
+        const sig = column.sig ? column.sig(item) :
+          `${column.value(item)}\u0000${column.text ? column.text(item) : ''}`;
+        if (row.sigs[i] === sig) return;
+        row.sigs[i] = sig;
         row.cells[i].replaceChildren(h('div', {class: 'cell'}, column.cell(item)));
       });
       if (focused) {
         const link = row.tr.querySelector('a');
         if (link) link.focus({preventScroll: true});
       }
-      row.tr.className = this.options.rowClass ? this.options.rowClass(item) : '';
+      row.tr.className = `grid-row${this.options.rowClass ? ' ' + this.options.rowClass(item) : ''}`;
       if (item.flash) {
         // Alternating names restart the highlight without a forced layout.
         const next = row.tr.dataset.flash === `${item.flash}-a` ? `${item.flash}-b` : `${item.flash}-a`;
@@ -501,28 +562,39 @@
       return row;
     }
 
-    // Puts the rows in the body in `visible` order, moving only rows out of place.
+    // Puts the rows in the body's chunks in `visible` order, moving only rows out of place: a
+    // row that leaves a chunk moves one row of each chunk after it.
     place(visible) {
       const wanted = visible.map((row) => row.key);
       const same = wanted.length === this.order.length && wanted.every((k, i) => k === this.order[i]);
       if (same) return;
-      const keep = new Set(wanted);
-      for (const key of this.order) {
-        const row = this.rows.get(key);
-        if (row && !keep.has(key)) row.tr.remove();
+      const count = Math.ceil(visible.length / CHUNK_ROWS);
+      while (this.chunks.length < count) {
+        const chunk = h('div', {class: 'chunk', role: 'presentation'});
+        this.body.appendChild(chunk);
+        this.chunks.push(chunk);
       }
-      if (!this.body.firstChild) {
-        const fragment = document.createDocumentFragment();
-        for (const row of visible) fragment.append(row.tr);
-        this.body.append(fragment);
-      } else {
-        let cursor = this.body.firstChild;
-        for (const row of visible) {
-          if (row.tr === cursor) {
-            cursor = cursor.nextSibling;
-          } else {
-            this.body.insertBefore(row.tr, cursor);
-          }
+      while (this.chunks.length > count) this.chunks.pop().remove();
+      for (let c = 0; c < count; c++) {
+        const chunk = this.chunks[c];
+        let cursor = chunk.firstChild;
+        const end = Math.min(visible.length, (c + 1) * CHUNK_ROWS);
+        if (!cursor) {
+          const fragment = document.createDocumentFragment();
+          for (let i = c * CHUNK_ROWS; i < end; i++) fragment.appendChild(visible[i].tr);
+          chunk.appendChild(fragment);
+          continue;
+        }
+        for (let i = c * CHUNK_ROWS; i < end; i++) {
+          const tr = visible[i].tr;
+          if (tr === cursor) cursor = cursor.nextSibling;
+          else chunk.insertBefore(tr, cursor);
+        }
+        // What is left belongs to a later chunk, which takes it, or is no longer shown.
+        while (cursor) {
+          const next = cursor.nextSibling;
+          cursor.remove();
+          cursor = next;
         }
       }
       this.order = wanted;
@@ -530,7 +602,7 @@
 
     // The links of the rows in order, for keyboard moves.
     links() {
-      return [...this.body.querySelectorAll('tr > td:first-child a')];
+      return [...this.body.querySelectorAll('[role=row] > [role=cell]:first-child a')];
     }
   }
 
@@ -650,6 +722,7 @@
       this.timer = null;
       this.table = new KeyedTable({
         caption: 'Service types',
+        className: 'types',
         key: (item) => item.type,
         sort: 'type',
         emptyText: 'No service type has a liveness directory yet.',
@@ -663,6 +736,7 @@
           ...KNOWN_STATUSES.map((status) => ({id: status, label: status, numeric: true,
             value: (t) => t.statuses[status] || 0, cell: (t) => String(t.statuses[status] || 0)})),
           {id: 'other', label: 'other', numeric: true, value: (t) => otherCount(t),
+            sig: (t) => JSON.stringify(t.statuses),
             cell: (t) => {
               const others = Object.entries(t.statuses).filter(([s]) => !KNOWN_STATUSES.includes(s));
               return h('span', {title: others.map(([s, n]) => `${s || 'no status yet'}: ${n}`).join(', ')},
@@ -796,6 +870,7 @@
       this.announce = announcer();
       this.table = new KeyedTable({
         caption: `Live instances of ${type}`,
+        className: 'instances',
         key: (item) => item.data.id,
         sort: 'name',
         emptyText: `No live instance of type ${type}.`,
@@ -805,11 +880,13 @@
         onChange: () => this.refilter(),
         columns: [
           {id: 'id', label: 'Id', value: (i) => i.data.id, text: (i) => i.data.id, className: 'id',
+            sig: (i) => `${i.data.id}|${i.data.service_name}`,
             cell: (i) => h('a', {href: instanceHref(this.type, i.data.id),
               'aria-label': `Instance ${i.data.service_name || ''} ${i.data.id}`.replace('  ', ' ')},
             i.data.id)},
           {id: 'status', label: 'Status', value: (i) => statusRank(i),
             text: (i) => (i.leaving ? 'gone' : i.data.status || ''),
+            sig: (i) => `${i.leaving}|${i.data.status}|${i.statusFrom}|${i.statusSince}`,
             cell: (i) => (i.leaving ? h('span', {class: 'badge st-other'},
                 h('span', {class: 'sym', 'aria-hidden': 'true'}, '✕'), 'gone') :
               h('span', {title: i.statusSince ?
@@ -823,8 +900,9 @@
             cell: (i) => i.data.hostname || h('span', {class: 'muted'}, '—')},
           {id: 'pid', label: 'PID', numeric: true, value: (i) => Number(i.data.pid) || 0,
             text: (i) => i.data.pid || '', cell: (i) => i.data.pid || '—'},
-          {id: 'start', label: `Started (${zoneName} · UTC)`,
+          {id: 'start', label: 'Started', title: `Local time (${zoneName}), then UTC and age`,
             value: (i) => (i.start ? i.start.getTime() : 0), text: (i) => i.data.start_time || '',
+            sig: (i) => i.data.start_time,
             cell: (i) => (i.start ? timeBlock(i.start, 'started ') :
               h('span', {class: 'muted'}, i.data.start_time || '—'))},
           {id: 'version', label: 'Version', value: (i) => i.data.version || '',
@@ -891,6 +969,10 @@
 
     put(data, flash, old) {
       const item = old || {};
+      // A registration writes its status after it appears: a change soon after that is part of
+      // its arrival, and keeps the arrival's highlight.
+      if (flash === 'added') item.addedAt = Date.now();
+      else if (flash === 'changed' && Date.now() - (item.addedAt || 0) < 2000) flash = 'added';
       item.data = data;
       item.leaving = false;
       item.flash = flash;
@@ -948,8 +1030,15 @@
       const dirty = this.dirty;
       this.dirty = new Set();
       if (!this.received) return;
+      const started = performance.now();
       const shown = this.table.update(this.items, dirty);
       this.drawSummary(shown);
+      const took = performance.now() - started;
+      const draws = metrics.draws;
+      draws.count++;
+      draws.rows += dirty ? dirty.size : this.items.size;
+      draws.totalMs += took;
+      draws.maxMs = Math.max(draws.maxMs, took);
       if (metrics.firstRender === null) markFirstRender(this.items.size);
     }
 
@@ -962,16 +1051,27 @@
         const status = item.data.status || '';
         counts[status] = (counts[status] || 0) + 1;
       }
+      // The toggles are made again only when a status appears: a redraw would take the focus.
       const statuses = [...new Set([...KNOWN_STATUSES, ...Object.keys(counts)])];
-      this.chips.replaceChildren(...statuses.map((status) => {
-        const pressed = this.statusFilter === status;
-        return h('button', {type: 'button', class: 'chip', 'aria-pressed': String(pressed),
-          title: pressed ? 'Show every status' : `Show only "${status || 'no status yet'}"`,
-          onclick: () => {
-            this.statusFilter = pressed ? '' : status;
+      if (statuses.join('|') !== this.chipStatuses) {
+        this.chipStatuses = statuses.join('|');
+        this.chipCounts = new Map();
+        this.chips.replaceChildren(...statuses.map((status) => {
+          const count = h('span', {class: 'count'});
+          const chip = h('button', {type: 'button', class: 'chip', onclick: () => {
+            this.statusFilter = this.statusFilter === status ? '' : status;
             this.refilter();
-          }}, statusBadge(status), ' ', h('span', {class: 'count'}, String(counts[status] || 0)));
-      }));
+          }}, statusBadge(status), ' ', count);
+          this.chipCounts.set(status, {chip, count});
+          return chip;
+        }));
+      }
+      for (const [status, {chip, count}] of this.chipCounts) {
+        const pressed = this.statusFilter === status;
+        chip.setAttribute('aria-pressed', String(pressed));
+        chip.title = pressed ? 'Show every status' : `Show only "${status || 'no status yet'}"`;
+        count.textContent = String(counts[status] || 0);
+      }
       const up = counts.up || 0;
       this.summary.replaceChildren(
           `${live} live ${live === 1 ? 'instance' : 'instances'}`,
@@ -1201,7 +1301,7 @@
       }
       names.sort(collator.compare);
       if (!names.length) return h('p', {class: 'note'}, 'No attributes.');
-      return h('div', {class: 'table-wrap'}, h('table', {class: 'grid attrs'},
+      return h('div', {class: 'table-wrap'}, h('table', {class: 'attrs'},
           h('caption', {class: 'visually-hidden'}, caption),
           h('thead', null, h('tr', null, ['Name', 'Value', 'Last changed'].map((label) =>
             h('th', {scope: 'col'}, h('span', {class: 'th'}, label))))),
@@ -1251,7 +1351,7 @@
                 h('span', {class: 'muted'}, `· ${what}` +
                   (info ? ` · ${info.removed ? 'removed' : 'appeared'} ${clockText(info.at)}` : ''))),
             h('div', {class: 'record-body'},
-                values || removed ?
+                (values && Object.keys(values).length) || removed ?
                   this.attributeTable(child.path, values, `Attributes of ${child.path}`) : null,
                 child.children.size ? build(child) : null));
             return h('li', {class: `record${removed ? ' removed' : ''}`, 'data-path': child.path},
@@ -1340,7 +1440,7 @@
     const next = at < 0 ? (step > 0 ? 0 : links.length - 1) :
       Math.min(links.length - 1, Math.max(0, at + step));
     links[next].focus();
-    links[next].closest('tr').scrollIntoView({block: 'nearest'});
+    links[next].closest('[role=row]').scrollIntoView({block: 'nearest'});
   }
 
   function onKey(event) {
@@ -1351,7 +1451,7 @@
     if (typing) return;
     const dialog = document.getElementById('keys');
     if (dialog.open) return;
-    const inTable = target.closest && target.closest('table.grid');
+    const inTable = target.closest && target.closest('.grid');
     switch (event.key) {
       case '/': {
         const filter = document.getElementById('filter');
