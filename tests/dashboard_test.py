@@ -657,6 +657,9 @@ def main():
              "scripts/install-deps.sh)")
 
     started = time.monotonic()
+    stale = os.path.join(args.screenshots, "failure.png")
+    if os.path.exists(stale):
+        os.remove(stale)  # from an earlier run
     test = DashboardTest(args, webdriver, Service)
     failed = False
     try:

@@ -60,6 +60,7 @@
   }
 
   const pad = (n) => String(n).padStart(2, '0');
+  const number = (n) => n.toLocaleString('en-US');
   const dateText = (d, utc) => utc ?
     `${d.getUTCFullYear()}-${pad(d.getUTCMonth() + 1)}-${pad(d.getUTCDate())}` :
     `${d.getFullYear()}-${pad(d.getMonth() + 1)}-${pad(d.getDate())}`;
@@ -826,10 +827,10 @@
       const instances = all.reduce((n, t) => n + t.instances, 0);
       const none = all.filter((t) => t.up === 0).length;
       this.summary.className = 'note';
-      this.summary.textContent = `${all.length} ${all.length === 1 ? 'type' : 'types'}, ` +
-        `${instances} live ${instances === 1 ? 'instance' : 'instances'}` +
-        (none ? `; ${none} with no instance up` : '') +
-        (shown !== all.length ? ` (${shown} shown)` : '') + '.';
+      this.summary.textContent = `${number(all.length)} ${all.length === 1 ? 'type' : 'types'}, ` +
+        `${number(instances)} live ${instances === 1 ? 'instance' : 'instances'}` +
+        (none ? `; ${number(none)} with no instance up` : '') +
+        (shown !== all.length ? ` (${number(shown)} shown)` : '') + '.';
       this.updated.textContent = (this.error ? `Could not refresh: ${this.error}. ` : '') +
         `Read at ${clockText(this.lastLoad)}; refreshed every ${TYPES_POLL_MS / 1000} s.`;
       this.updated.className = this.error ? 'note error' : 'note';
@@ -903,7 +904,7 @@
           {id: 'start', label: 'Started', title: `Local time (${zoneName}), then UTC and age`,
             value: (i) => (i.start ? i.start.getTime() : 0), text: (i) => i.data.start_time || '',
             sig: (i) => i.data.start_time,
-            cell: (i) => (i.start ? timeBlock(i.start, 'started ') :
+            cell: (i) => (i.start ? timeBlock(i.start) :
               h('span', {class: 'muted'}, i.data.start_time || '—'))},
           {id: 'version', label: 'Version', value: (i) => i.data.version || '',
             text: (i) => i.data.version || '', className: 'wrap',
@@ -1074,9 +1075,9 @@
       }
       const up = counts.up || 0;
       this.summary.replaceChildren(
-          `${live} live ${live === 1 ? 'instance' : 'instances'}`,
-          up ? `, ${up} up` : h('span', {class: 'mark-none'}, ' — ⚠ no instance up'),
-          shown !== this.items.size ? ` (${shown} shown)` : '', '. Updated live.');
+          `${number(live)} live ${live === 1 ? 'instance' : 'instances'}`,
+          up ? `, ${number(up)} up` : h('span', {class: 'mark-none'}, ' — ⚠ no instance up'),
+          shown !== this.items.size ? ` (${number(shown)} shown)` : '', '. Updated live.');
     }
 
     unmount() {
