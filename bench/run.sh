@@ -100,6 +100,7 @@ run registry "$bin/registry_bench" "$hosts" "${quick[@]}"
 run cache "$bin/cache_bench" "$hosts" "${quick[@]}" --korvel "$build/tools/korvel"
 run memory "$bin/memory_bench" "$hosts" "${quick[@]}"
 run health "$bin/health_bench" "$hosts" "${quick[@]}" --korvel "$build/tools/korvel"
+run serve "$bin/serve_bench" "$hosts" "${quick[@]}" --korvel "$build/tools/korvel"
 "$bin/bench_report" --json "$json" "${markdown[@]}" --hosts "$hosts" --server "$server_text" \
-  --load-before "$load_before" "$work"/{micro,registry,cache,memory,health}.json
+  --load-before "$load_before" "$work"/{micro,registry,cache,memory,health,serve}.json
 echo "written to $json" >&2

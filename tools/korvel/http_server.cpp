@@ -247,7 +247,7 @@ class Server::Impl::Session : public std::enable_shared_from_this<Session> {
       return false;
     }
     m_queue.push_back(std::move(text));
-    if (m_queue.size() == 1) WriteQueued();
+    if (m_inFlight == 0) WriteQueued();
     return true;
   }
 
@@ -450,6 +450,11 @@ class Server::Impl::Session : public std::enable_shared_from_this<Session> {
     m_keepAliveTimer->expires_after(m_server.m_options.streamKeepAlive);
     m_keepAliveTimer->async_wait([self = shared_from_this()](beast::error_code ec) {
       if (ec || self->m_closed) return;
+      const ServerOptions& options = self->m_server.m_options;
+      if (self->m_inFlight > 0 && Clock::now() - self->m_writeStarted > options.writeTimeout) {
+        QXLOG(g_log, QXLOG_WARNING) << "An event stream's client stopped reading; closing it";
+        return self->Close();
+      }
       if (!self->m_wroteSinceKeepAlive) {
         static const auto kComment = std::make_shared<const std::string>(": keep-alive\n\n");
         self->Enqueue(kComment);
@@ -459,16 +464,23 @@ class Server::Impl::Session : public std::enable_shared_from_this<Session> {
     });
   }
 
+  // Writes everything queued in one go. No stream timeout: it would also end the read that
+  // watches for a hang-up; a write that does not finish is found by the keep-alive timer.
   void WriteQueued() {
-    m_stream.expires_after(m_server.m_options.writeTimeout);
-    net::async_write(m_stream, net::buffer(*m_queue.front()),
+    std::vector<net::const_buffer> buffers;
+    buffers.reserve(m_queue.size());
+    for (const auto& text : m_queue) buffers.emplace_back(text->data(), text->size());
+    m_inFlight = m_queue.size();
+    m_writeStarted = Clock::now();
+    net::async_write(m_stream.socket(), buffers,
                      [self = shared_from_this()](beast::error_code ec, std::size_t) {
                        if (ec) return self->Close();
                        self->m_wroteSinceKeepAlive = true;
-                       self->m_queuedBytes -= self->m_queue.front()->size();
-                       self->m_queue.pop_front();
-                       if (!self->m_queue.empty()) return self->WriteQueued();
-                       self->m_stream.expires_never();
+                       for (; self->m_inFlight > 0; --self->m_inFlight) {
+                         self->m_queuedBytes -= self->m_queue.front()->size();
+                         self->m_queue.pop_front();
+                       }
+                       if (!self->m_queue.empty()) self->WriteQueued();
                      });
   }
 
@@ -506,6 +518,8 @@ class Server::Impl::Session : public std::enable_shared_from_this<Session> {
   std::atomic<bool> m_closedFlag{false};
   std::deque<std::shared_ptr<const std::string>> m_queue;
   std::size_t m_queuedBytes = 0;
+  std::size_t m_inFlight = 0;  // the first queued texts, being written
+  Clock::time_point m_writeStarted;
   bool m_wroteSinceKeepAlive = false;
   std::optional<net::steady_timer> m_keepAliveTimer;
   std::shared_ptr<EventSink> m_sink;
@@ -513,11 +527,16 @@ class Server::Impl::Session : public std::enable_shared_from_this<Session> {
 };
 
 bool Server::Impl::StreamSink::Send(std::shared_ptr<const std::string> text) {
+  // The connection is taken only under the server's lock and handed to the io_context at once:
+  // once the server stops, no thread but the io_context's own holds a connection.
+  std::lock_guard<std::mutex> lock(m_server.m_postMutex);
+  if (m_server.m_stopped) return false;
   auto session = m_session.lock();
   if (!session || session->Closed()) return false;
   auto executor = session->Executor();
-  return m_server.Post(
-      executor, [session = std::move(session), text = std::move(text)] { session->Enqueue(text); });
+  net::post(executor,
+            [session = std::move(session), text = std::move(text)] { session->Enqueue(text); });
+  return true;
 }
 
 void Server::Impl::Accept() {

@@ -7,7 +7,9 @@
 //   a request that started but is not complete within requestTimeout   408
 //   a connection beyond maxConnections, a stream beyond maxStreams      503
 // A keep-alive connection that sends nothing for idleTimeout is closed without an answer; a
-// client that does not read an answer (or a stream's events) within writeTimeout is dropped.
+// client that does not read an answer within writeTimeout is dropped, and so is a stream's
+// client whose events wait for longer than writeTimeout (seen at the next keep-alive tick) or
+// add up to more than maxQueuedStreamBytes.
 //
 // Threads: the server's own threads read and write; each request's handler runs on the handler
 // pool, so a handler may block (it may read from ZooKeeper) without stopping other connections.

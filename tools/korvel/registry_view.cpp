@@ -54,11 +54,19 @@ TypeView::~TypeView() {
   m_cache.Stop();
 }
 
-bool TypeView::WaitUntilCurrent(std::chrono::milliseconds timeout) const {
-  // The cache publishes a snapshot before its listener (OnEvent) hears of the change: waiting for
-  // the cache alone could answer with instances and a state that the view does not have yet.
+bool TypeView::WaitUntilCurrent(std::chrono::milliseconds timeout) {
   std::unique_lock<std::mutex> lock(m_mutex);
-  return m_currentChanged.wait_for(lock, timeout, [this] { return m_current; });
+  return m_becameCurrent.wait_for(lock, timeout, [this] { return m_current; });
+}
+
+bool TypeView::Current() const {
+  std::lock_guard<std::mutex> lock(m_mutex);
+  return m_current;
+}
+
+std::pair<std::shared_ptr<const std::string>, bool> TypeView::Rendered() {
+  std::lock_guard<std::mutex> lock(m_mutex);
+  return {RenderLocked(), m_current};
 }
 
 bool TypeView::Followed() const {
@@ -86,23 +94,22 @@ std::shared_ptr<const std::string> TypeView::RenderLocked() {
   return m_rendered;
 }
 
-bool TypeView::SendLocked(Subscriber& subscriber, const std::string& name,
-                          const std::string& data) {
-  auto sink = subscriber.sink.lock();
-  if (!sink) return false;
-  return sink->Send(std::make_shared<const std::string>(
-      "id: " + std::to_string(m_sequence) + "\nevent: " + name + "\ndata: " + data + "\n\n"));
+std::shared_ptr<const std::string> TypeView::EventLocked(const std::string& name,
+                                                         const std::string& data) {
+  return std::make_shared<const std::string>("id: " + std::to_string(++m_sequence) +
+                                             "\nevent: " + name + "\ndata: " + data + "\n\n");
 }
 
 void TypeView::BroadcastLocked(const std::string& name, const std::string& data) {
+  const auto text = EventLocked(name, data);
   for (auto it = m_subscribers.begin(); it != m_subscribers.end();) {
-    it = SendLocked(**it, name, data) ? std::next(it) : m_subscribers.erase(it);
+    const auto sink = (*it)->sink.lock();
+    it = sink && sink->Send(text) ? std::next(it) : m_subscribers.erase(it);
   }
 }
 
 void TypeView::OnEvent(const ServiceCacheEvent& event) {
   std::lock_guard<std::mutex> lock(m_mutex);
-  ++m_sequence;
   using Type = ServiceCacheEvent::Type;
   switch (event.type) {
     case Type::kInstanceAdded:
@@ -131,7 +138,7 @@ void TypeView::OnEvent(const ServiceCacheEvent& event) {
     }
     case Type::kCurrent:
       m_current = true;
-      m_currentChanged.notify_all();
+      m_becameCurrent.notify_all();
       QXLOG(g_log, qx::logging::QXLOG_INFO) << "The cache of type '" << m_type << "' is current";
       BroadcastLocked("current", *RenderLocked());
       break;
@@ -163,9 +170,10 @@ std::shared_ptr<void> TypeView::Subscribe(std::weak_ptr<korvel::http::EventSink>
   auto subscriber = std::make_shared<Subscriber>(Subscriber{std::move(sink)});
   {
     std::lock_guard<std::mutex> lock(m_mutex);
-    if (!SendLocked(*subscriber, "snapshot", *RenderLocked())) return nullptr;
+    const auto sink = subscriber->sink.lock();
+    if (!sink || !sink->Send(EventLocked("snapshot", *RenderLocked()))) return nullptr;
     if (!m_current) {
-      SendLocked(*subscriber, "stale", Compact(Json{{"since", tree::UtcText(m_staleSince)}}));
+      sink->Send(EventLocked("stale", Compact(Json{{"since", tree::UtcText(m_staleSince)}})));
     }
     m_subscribers.push_back(subscriber);
   }
@@ -191,6 +199,9 @@ std::shared_ptr<TypeView> RegistryView::View(const std::string& type) {
     throw Failure("'alive' is not a service type: it is where liveness nodes live");
   }
   std::lock_guard<std::mutex> lock(m_mutex);
+  if (m_views.size() >= kMaxViews && m_views.count(normalised) == 0) {
+    throw Failure("too many service types are being read (" + std::to_string(kMaxViews) + ")");
+  }
   Entry& entry = m_views[normalised];
   if (!entry.view) {
     QXLOG(g_log, qx::logging::QXLOG_INFO) << "Reading service type '" << normalised << "'";
@@ -200,7 +211,17 @@ std::shared_ptr<TypeView> RegistryView::View(const std::string& type) {
   return entry.view;
 }
 
-std::shared_ptr<TypeView> RegistryView::CurrentView(const std::string& type) {
+std::shared_ptr<TypeView> RegistryView::CurrentView(const std::string& type, bool make) {
+  if (!make) {
+    bool held;
+    {
+      std::lock_guard<std::mutex> lock(m_mutex);
+      held = m_views.count(qx::korvel::NormalizePath(type)) != 0;
+    }
+    const int rc = held ? ZOK : m_conn->Exists(tree::AliveDir(type), nullptr);
+    if (rc == ZNONODE) return nullptr;
+    if (rc != ZOK) throw Failure("cannot read the service type '" + type + "': " + zerror(rc));
+  }
   auto view = View(type);
   view->WaitUntilCurrent(kFirstReadWait);
   return view;
@@ -209,7 +230,7 @@ std::shared_ptr<TypeView> RegistryView::CurrentView(const std::string& type) {
 std::vector<std::pair<std::string, bool>> RegistryView::Caches() const {
   std::vector<std::pair<std::string, bool>> caches;
   std::lock_guard<std::mutex> lock(m_mutex);
-  for (const auto& [type, entry] : m_views) caches.emplace_back(type, entry.view->Now().current);
+  for (const auto& [type, entry] : m_views) caches.emplace_back(type, entry.view->Current());
   return caches;
 }
 

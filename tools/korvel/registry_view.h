@@ -44,9 +44,12 @@ class TypeView : public std::enable_shared_from_this<TypeView> {
   };
   // What the cache knows now. Renders the JSON at most once per change.
   State Now();
-  // Waits until the view is current (what Now() reports, not only the cache, which publishes
-  // before it tells the view); false when `timeout` passed first.
-  bool WaitUntilCurrent(std::chrono::milliseconds timeout) const;
+  // Only the rendered instances and whether they are current: what most requests need.
+  std::pair<std::shared_ptr<const std::string>, bool> Rendered();
+  bool Current() const;
+  // Waits until the view is current (it has taken in the cache's every change up to the moment
+  // the cache became current); false when `timeout` passed first.
+  bool WaitUntilCurrent(std::chrono::milliseconds timeout);
 
   // Sends `sink` an event "snapshot" with the instances, "stale" when the cache is not current,
   // and then every change as it happens, until the returned subscription is dropped or the sink
@@ -61,13 +64,14 @@ class TypeView : public std::enable_shared_from_this<TypeView> {
   struct Subscriber;
   void OnEvent(const qx::korvel::ServiceCacheEvent& event);
   std::shared_ptr<const std::string> RenderLocked();
+  // The text of an event with the next id. Under m_mutex.
+  std::shared_ptr<const std::string> EventLocked(const std::string& name, const std::string& data);
   // Sends an event to every subscriber and forgets those that refuse it. Under m_mutex.
   void BroadcastLocked(const std::string& name, const std::string& data);
-  bool SendLocked(Subscriber& subscriber, const std::string& name, const std::string& data);
 
   const std::string m_type;
   mutable std::mutex m_mutex;
-  mutable std::condition_variable m_currentChanged;  // m_current became true
+  std::condition_variable m_becameCurrent;
   std::map<qx::korvel::ServiceId, qx::korvel::CachedInstancePtr> m_instances;
   std::shared_ptr<const std::string> m_rendered;  // null after a change
   bool m_current = false;
@@ -94,11 +98,16 @@ class RegistryView {
   RegistryView(const RegistryView&) = delete;
   RegistryView& operator=(const RegistryView&) = delete;
 
+  // At most this many types are read at once.
+  static constexpr std::size_t kMaxViews = 4096;
+
   // The view of `type` (normalised), made and started when none is held; marks it used. Throws
-  // Failure for the type "alive" or below it, or an empty one.
+  // Failure for the type "alive" or below it, an empty one, or one beyond kMaxViews.
   std::shared_ptr<TypeView> View(const std::string& type);
-  // The view, waited for (bounded) until current.
-  std::shared_ptr<TypeView> CurrentView(const std::string& type);
+  // The view, waited for (bounded) until current. Null when none is held and the type has no
+  // liveness directory (unless `make` is set): a request for a type that does not exist makes
+  // no cache.
+  std::shared_ptr<TypeView> CurrentView(const std::string& type, bool make);
 
   // Every type with a liveness directory, found by walking the liveness tree (a directory that
   // holds instances, or none at all, is a type), with counts from its cache; sorted by type.

@@ -202,13 +202,14 @@ class Api {
   }
 
   Response Instances(const Request& request) {
-    const auto view = m_registry.CurrentView(TypeParameter(request));
-    const TypeView::State state = view->Now();
-    if (!state.current) {
+    const auto view = m_registry.CurrentView(TypeParameter(request), false);
+    if (!view) return JsonResponse(Json::array());
+    auto [instances, current] = view->Rendered();
+    if (!current) {
       throw Refusal(503, "the instances of type '" + view->Type() + "' cannot be read now");
     }
     Response response;
-    response.body = state.instancesJson;
+    response.body = std::move(instances);
     return response;
   }
 
@@ -229,7 +230,7 @@ class Api {
   }
 
   Reply Watch(const Request& request) {
-    auto view = m_registry.CurrentView(TypeParameter(request));
+    auto view = m_registry.CurrentView(TypeParameter(request), true);
     Reply reply;
     reply.stream = [view](const std::shared_ptr<korvel::http::EventSink>& sink) {
       return view->Subscribe(sink);
@@ -238,13 +239,14 @@ class Api {
   }
 
   Response Discovery(const Request& request) {
-    const auto view = m_registry.CurrentView(TypeParameter(request));
+    const auto view = m_registry.CurrentView(TypeParameter(request), false);
     const auto attribute = request.query.find("port_attribute");
     const std::string port =
         attribute == request.query.end() ? std::string("port") : attribute->second;
     if (port.empty() || port.find('/') != std::string::npos) {
       throw Refusal(400, "not an attribute name: '" + port + "'");
     }
+    if (!view) return JsonResponse(Json::array());
     const TypeView::State state = view->Now();
     std::vector<qx::korvel::CachedInstancePtr> up;
     std::vector<std::string> nodes;
