@@ -12,6 +12,7 @@ packages=(
   libspdlog-dev  # the benchmarks' comparison for the logging facade
   clang clang-format libclang-rt-14-dev  # libFuzzer and the sanitizers' runtimes for clang
   systemd  # systemd-analyze verifies the sidecar's unit file
+  chromium chromium-driver python3-selenium  # the dashboard's tests in a headless browser
 )
 
 missing=()

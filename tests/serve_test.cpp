@@ -1202,10 +1202,16 @@ TEST(ServeTest, HealthzAndTheErrorsOfUnknownPathsAndMethods) {
   EXPECT_EQ("application/json", MediaType(typesHead.ContentType()));
   EXPECT_EQ("", typesHead.body);
 
-  for (const char* path : {"/", "/nope", "/api/v1", "/api/v1/types/x", "/api/v2/types",
-                           "/healthz/x", "/sd", "/metrics/x"}) {
+  for (const char* path : {"/nope", "/api/v1", "/api/v1/types/x", "/api/v2/types", "/healthz/x",
+                           "/sd", "/metrics/x", "/assets/nope.js", "/assets/index.html"}) {
     ExpectError(Get(serve.Port(), path), 404, path);
   }
+  // "/" is the dashboard's page (its assets are checked in a browser by dashboard_test.py).
+  const Answer page = Get(serve.Port(), "/");
+  EXPECT_EQ(200, page.status) << page;
+  EXPECT_EQ("text/html", MediaType(page.ContentType()));
+  EXPECT_EQ("no-cache", page.Header("cache-control"));
+  EXPECT_NE(std::string::npos, page.body.find("/assets/app.js?v=")) << page.body;
 
   // Other methods, on one keep-alive connection that stays usable after each answer.
   Socket socket(serve.Port());

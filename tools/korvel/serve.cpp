@@ -16,6 +16,7 @@
 #include "http_server.h"
 #include "registry_view.h"
 #include "signals.h"
+#include "web_assets.h"
 
 namespace korvel::cli {
 namespace {
@@ -174,6 +175,7 @@ class Api {
       if (path == "/metrics") return {Metrics(), nullptr};
       if (path == "/sd/prometheus") return {Discovery(request), nullptr};
       if (path == "/healthz") return {Health(), nullptr};
+      if (auto page = web::Serve(request)) return {std::move(*page), nullptr};
       throw Refusal(404, "not found: " + path);
     } catch (const Refusal& e) {
       return {korvel::http::ErrorResponse(e.status, e.what()), nullptr};
