@@ -150,6 +150,8 @@ class HttpMetrics {
     for (const char* path : kPaths) {
       if (request->path == path) return path;
     }
+    if (request->path == "/") return "/";
+    if (request->path.rfind("/assets/", 0) == 0) return "/assets";
     return "other";
   }
 
