@@ -24,21 +24,6 @@ using Json = nlohmann::json;
 constexpr auto kCommandTimeout = 20s;
 constexpr auto kGrace = 10s;
 
-std::string CliPath() {
-  const char* path = std::getenv("KORVEL_CLI");
-  return path ? path : "korvel-cli-path-not-set";
-}
-
-std::string Hosts() {
-  return SharedServer().ConnectString();
-}
-
-std::vector<std::string> Concat(std::vector<std::string> head,
-                                const std::vector<std::string>& tail) {
-  head.insert(head.end(), tail.begin(), tail.end());
-  return head;
-}
-
 bool StartsWith(const std::string& text, const std::string& prefix) {
   return text.rfind(prefix, 0) == 0;
 }
@@ -53,26 +38,6 @@ std::vector<std::string> Lines(const std::string& text) {
 bool HasLine(const std::string& text, const std::string& line) {
   const auto lines = Lines(text);
   return std::find(lines.begin(), lines.end(), line) != lines.end();
-}
-
-struct Result {
-  int code;
-  std::string out;
-  std::string err;
-};
-
-// Runs `korvel ARGS` with stdin closed until it ends (killed after kCommandTimeout).
-Result RunKorvel(const std::vector<std::string>& args) {
-  ChildProcess process(CliPath(), Concat({"korvel"}, args));
-  process.CloseStdin();
-  auto code = process.Wait(kCommandTimeout);
-  if (!code) {
-    ADD_FAILURE() << "korvel did not end in time";
-    process.Signal(SIGKILL);
-    code = process.Wait(kGrace);
-  }
-  return {code.value_or(-1), process.Output(ChildProcess::kStdout),
-          process.Output(ChildProcess::kStderr)};
 }
 
 // The same against the shared server.

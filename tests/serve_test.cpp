@@ -72,21 +72,6 @@ Millis Since(Clock::time_point start) {
   return std::chrono::duration_cast<Millis>(Clock::now() - start);
 }
 
-std::string CliPath() {
-  const char* path = std::getenv("KORVEL_CLI");
-  return path ? path : "korvel-cli-path-not-set";
-}
-
-std::string Hosts() {
-  return SharedServer().ConnectString();
-}
-
-std::vector<std::string> Concat(std::vector<std::string> head,
-                                const std::vector<std::string>& tail) {
-  head.insert(head.end(), tail.begin(), tail.end());
-  return head;
-}
-
 std::string HostName() {
   char name[256] = {};
   gethostname(name, sizeof name - 1);
@@ -135,25 +120,6 @@ std::string IdOf(const Service& service) {
 }
 
 // ---- korvel as a child process ----------------------------------------------------------
-
-struct Result {
-  int code;
-  std::string out;
-  std::string err;
-};
-
-// Runs `korvel ARGS` with stdin closed until it ends (killed after kCommandTimeout).
-Result RunKorvel(const std::vector<std::string>& args) {
-  ChildProcess process(CliPath(), Concat({"korvel"}, args));
-  process.CloseStdin();
-  auto code = process.Wait(kCommandTimeout);
-  if (!code) {
-    ADD_FAILURE() << "korvel did not end in time";
-    code = process.Kill();
-  }
-  return {code.value_or(-1), process.Output(ChildProcess::kStdout),
-          process.Output(ChildProcess::kStderr)};
-}
 
 // What `korvel list TYPE --json` prints, ordered by id (as serve orders instances).
 Json ListedById(const std::string& type, const std::string& hosts = Hosts()) {

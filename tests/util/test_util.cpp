@@ -2,7 +2,12 @@
 
 #include <unistd.h>
 
+#include <cstdlib>
+
+#include <gtest/gtest.h>
+
 #include "korvel/service_id.h"
+#include "process/child_process.h"
 #include "stlext/uuid.h"
 
 namespace korvel::test {
@@ -119,6 +124,33 @@ std::vector<CapturedRecord> LogCapture::FromSource(const std::string& source) co
 void LogCapture::Clear() {
   std::lock_guard<std::mutex> lock(m_mutex);
   m_records.clear();
+}
+
+std::string CliPath() {
+  const char* path = std::getenv("KORVEL_CLI");
+  return path ? path : "korvel-cli-path-not-set";
+}
+
+std::string Hosts() {
+  return SharedServer().ConnectString();
+}
+
+std::vector<std::string> Concat(std::vector<std::string> head,
+                                const std::vector<std::string>& tail) {
+  head.insert(head.end(), tail.begin(), tail.end());
+  return head;
+}
+
+Result RunKorvel(const std::vector<std::string>& args) {
+  process::ChildProcess child(CliPath(), Concat({"korvel"}, args));
+  child.CloseStdin();
+  auto code = child.Wait(20s);
+  if (!code) {
+    ADD_FAILURE() << "korvel did not end in time";
+    code = child.Kill();
+  }
+  return {code.value_or(-1), child.Output(process::ChildProcess::kStdout),
+          child.Output(process::ChildProcess::kStderr)};
 }
 
 }  // namespace korvel::test

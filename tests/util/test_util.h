@@ -44,6 +44,24 @@ class ExpiryCounter : public qx::korvel::ConnectionObserver {
 // The path of the executable `name` beside this test binary.
 std::string SiblingProgram(const std::string& name);
 
+// The installed korvel tool that the CLI tests run (KORVEL_CLI).
+std::string CliPath();
+// The connect string of SharedServer().
+std::string Hosts();
+// `head` followed by `tail`: a command line from its parts.
+std::vector<std::string> Concat(std::vector<std::string> head,
+                                const std::vector<std::string>& tail);
+
+// How a korvel command ended.
+struct Result {
+  int code;
+  std::string out;
+  std::string err;
+};
+// Runs `korvel ARGS` (CliPath) with stdin closed until it ends; a command still running after
+// 20 s is a test failure and is killed.
+Result RunKorvel(const std::vector<std::string>& args);
+
 // `prefix` followed by a random suffix, for node names no other test uses.
 std::string UniqueName(const std::string& prefix);
 
