@@ -69,6 +69,7 @@ struct RegisterOptions {
 struct ServeOptions {
   korvel::http::ServerOptions server;
   std::chrono::milliseconds cacheIdle{300000};  // a type's cache without readers is dropped then
+  std::string tokenFile;  // holds the bearer token every endpoint but /healthz needs; none if ""
 };
 
 int RunRegister(const Settings& settings, const RegisterOptions& options);

@@ -18,6 +18,8 @@
 #include <stdexcept>
 #include <thread>
 
+#include "http_query.h"
+
 namespace korvel::http {
 namespace {
 
@@ -61,49 +63,6 @@ struct SharedBody {
     const value_type& m_body;
   };
 };
-
-int HexDigit(char c) {
-  if (c >= '0' && c <= '9') return c - '0';
-  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-  return -1;
-}
-
-// Decodes %XX and '+' of a query component; nullopt for a broken escape.
-std::optional<std::string> DecodeComponent(std::string_view text) {
-  std::string out;
-  out.reserve(text.size());
-  for (std::size_t i = 0; i < text.size(); ++i) {
-    if (text[i] == '+') {
-      out += ' ';
-    } else if (text[i] == '%') {
-      if (i + 2 >= text.size()) return std::nullopt;
-      const int high = HexDigit(text[i + 1]), low = HexDigit(text[i + 2]);
-      if (high < 0 || low < 0) return std::nullopt;
-      out += static_cast<char>(high * 16 + low);
-      i += 2;
-    } else {
-      out += text[i];
-    }
-  }
-  return out;
-}
-
-// Splits "a=1&b=x%20y" into decoded pairs; false for a broken escape.
-bool ParseQuery(std::string_view query, std::map<std::string, std::string>& out) {
-  while (!query.empty()) {
-    const std::size_t end = std::min(query.find('&'), query.size());
-    const std::string_view pair = query.substr(0, end);
-    query.remove_prefix(std::min(end + 1, query.size()));
-    if (pair.empty()) continue;
-    const std::size_t equals = std::min(pair.find('='), pair.size());
-    auto name = DecodeComponent(pair.substr(0, equals));
-    auto value = DecodeComponent(pair.substr(std::min(equals + 1, pair.size())));
-    if (!name || !value) return false;
-    out[std::move(*name)] = std::move(*value);
-  }
-  return true;
-}
 
 std::string_view View(beast::string_view text) {
   return {text.data(), text.size()};
@@ -314,18 +273,14 @@ class Server::Impl::Session : public std::enable_shared_from_this<Session> {
       request.headers[Lower(View(field.name_string()))] = std::string(View(field.value()));
     }
     request.method = std::string(View(message.method_string()));
-    const std::string_view target = View(message.target());
-    const std::size_t question = std::min(target.find('?'), target.size());
-    request.path = std::string(target.substr(0, question));
+    const bool queryDecoded = SplitTarget(View(message.target()), request.path, request.query);
     m_keepAlive = message.keep_alive();
     m_head = message.method() == bhttp::verb::head;
     m_version = message.version();
     m_started = Clock::now();
     m_request = std::move(request);
     m_stream.expires_never();
-    if (!ParseQuery(target.substr(std::min(question + 1, target.size())), m_request->query)) {
-      return Answer(ErrorResponse(400, "malformed query"));
-    }
+    if (!queryDecoded) return Answer(ErrorResponse(400, "malformed query"));
     if (message.method() != bhttp::verb::get && !m_head) {
       Response response = ErrorResponse(405, "method not allowed: " + m_request->method);
       response.headers.emplace_back("Allow", "GET, HEAD");

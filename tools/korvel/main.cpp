@@ -190,7 +190,9 @@ int main(int argc, char** argv) {
       "  GET /api/v1/watch?type=T                the type's changes as Server-Sent Events\n"
       "  GET /sd/prometheus?type=T[&port_attribute=port]   Prometheus HTTP service discovery\n"
       "  GET /metrics                            Prometheus metrics\n"
-      "  GET /healthz                            200 while connected and every cache is current");
+      "  GET /healthz                            200 while connected and every cache is current\n"
+      "With --token-file, every endpoint but /healthz and the dashboard's page and assets needs\n"
+      "\"Authorization: Bearer TOKEN\" (else 401).");
   serveCommand
       ->add_option("--listen", listen, "Address and port to listen on (port 0: any free one)")
       ->check(Parsable("ADDR:PORT", korvel::cli::ParseListenAddress))
@@ -222,6 +224,10 @@ int main(int argc, char** argv) {
   serveCommand->add_option("--io-threads", server.ioThreads, "Threads that read and write")
       ->check(CLI::Range(1, 64))
       ->capture_default_str();
+  serveCommand
+      ->add_option("--token-file", serveOptions.tokenFile,
+                   "File (mode 600) holding the bearer token that requests must send")
+      ->type_name("FILE");
 
   auto* demoCommand = app.add_subcommand(
       "demo", "Runs a tour against a ZooKeeper of its own (started on a free loopback port).");

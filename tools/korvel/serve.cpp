@@ -7,12 +7,19 @@
 #include <logger/logger.h>
 #include <stlext/uuid.h>
 
+#include <sys/stat.h>
+
 #include <boost/asio/ip/address.hpp>
+#include <cerrno>
+#include <cstring>
+#include <fstream>
 #include <iostream>
+#include <iterator>
 #include <mutex>
 #include <thread>
 
 #include "commands.h"
+#include "http_query.h"
 #include "http_server.h"
 #include "registry_view.h"
 #include "signals.h"
@@ -34,13 +41,6 @@ const qx::logging::ConstSourcePtr& g_log =
 constexpr char kMetricsContentType[] = "text/plain; version=0.0.4; charset=utf-8";
 const char* const kKnownStatuses[] = {"up", "down", "up_sending_disabled"};
 
-// A request the server cannot answer as asked: its status and why.
-struct Refusal : std::runtime_error {
-  Refusal(unsigned status, const std::string& message)
-      : std::runtime_error(message), status(status) {}
-  unsigned status;
-};
-
 Response JsonResponse(const Json& json) {
   Response response;
   response.body = std::make_shared<const std::string>(
@@ -54,24 +54,6 @@ Response TextResponse(unsigned status, std::string text, const std::string& type
   response.contentType = type;
   response.body = std::make_shared<const std::string>(std::move(text));
   return response;
-}
-
-const std::string& Parameter(const Request& request, const std::string& name) {
-  const auto it = request.query.find(name);
-  if (it == request.query.end() || it->second.empty()) {
-    throw Refusal(400, "missing parameter '" + name + "'");
-  }
-  return it->second;
-}
-
-// The type parameter, normalised; 400 for none or for "alive".
-std::string TypeParameter(const Request& request) {
-  const std::string type = qx::korvel::NormalizePath(Parameter(request, "type"));
-  if (type.empty()) throw Refusal(400, "the service type is empty");
-  if (tree::IsLivenessType(type)) {
-    throw Refusal(400, "'alive' is not a service type: it is where liveness nodes live");
-  }
-  return type;
 }
 
 // The records below `record` as {"path": {attribute: value}}, nested ones as "a/b".
@@ -140,19 +122,9 @@ class HttpMetrics {
   }
 
  private:
-  // The label of a request: its path when it is one the server knows, so that a client cannot
-  // make a sample per path it invents.
+  // The label of a request: its endpoint's, or "refused" for one refused before it was read.
   static std::string Handler(const Request* request) {
-    if (request == nullptr) return "refused";
-    static const char* const kPaths[] = {"/api/v1/types", "/api/v1/instances", "/api/v1/instance",
-                                         "/api/v1/watch", "/metrics",          "/sd/prometheus",
-                                         "/healthz"};
-    for (const char* path : kPaths) {
-      if (request->path == path) return path;
-    }
-    if (request->path == "/") return "/";
-    if (request->path.rfind("/assets/", 0) == 0) return "/assets";
-    return "other";
+    return request == nullptr ? "refused" : EndpointLabel(EndpointOf(request->path));
   }
 
   std::mutex m_mutex;
@@ -163,22 +135,39 @@ class HttpMetrics {
 // The endpoints.
 class Api {
  public:
-  Api(RegistryView& registry, HttpMetrics& metrics) : m_registry(registry), m_metrics(metrics) {}
+  // `token`: the bearer token every endpoint but the health check and the dashboard's files
+  // needs; none when empty.
+  Api(RegistryView& registry, HttpMetrics& metrics, std::string token)
+      : m_registry(registry), m_metrics(metrics), m_token(std::move(token)) {}
 
   void SetServer(const korvel::http::Server* server) { m_server = server; }
 
   Reply Handle(const Request& request) {
+    const Endpoint endpoint = EndpointOf(request.path);
+    if (!Authorized(request, endpoint)) return {Unauthorized(request), nullptr};
     try {
-      const std::string& path = request.path;
-      if (path == "/api/v1/types") return {Types(), nullptr};
-      if (path == "/api/v1/instances") return {Instances(request), nullptr};
-      if (path == "/api/v1/instance") return {Instance(request), nullptr};
-      if (path == "/api/v1/watch") return Watch(request);
-      if (path == "/metrics") return {Metrics(), nullptr};
-      if (path == "/sd/prometheus") return {Discovery(request), nullptr};
-      if (path == "/healthz") return {Health(), nullptr};
-      if (auto page = web::Serve(request)) return {std::move(*page), nullptr};
-      throw Refusal(404, "not found: " + path);
+      switch (endpoint) {
+        case Endpoint::kTypes:
+          return {Types(), nullptr};
+        case Endpoint::kInstances:
+          return {Instances(request), nullptr};
+        case Endpoint::kInstance:
+          return {Instance(request), nullptr};
+        case Endpoint::kWatch:
+          return Watch(request);
+        case Endpoint::kMetrics:
+          return {Metrics(), nullptr};
+        case Endpoint::kDiscovery:
+          return {Discovery(request), nullptr};
+        case Endpoint::kHealth:
+          return {Health(), nullptr};
+        case Endpoint::kPage:
+        case Endpoint::kAsset:
+          return {*web::Serve(request), nullptr};
+        case Endpoint::kOther:
+          break;
+      }
+      throw Refusal(404, "not found: " + request.path);
     } catch (const Refusal& e) {
       return {korvel::http::ErrorResponse(e.status, e.what()), nullptr};
     } catch (const Failure& e) {
@@ -188,6 +177,29 @@ class Api {
   }
 
  private:
+  // The health check answers anyone, and so do the dashboard's page and files, which hold no
+  // registry data: the page has to load to ask for the token that its API calls then send.
+  bool Authorized(const Request& request, Endpoint endpoint) const {
+    if (m_token.empty() || endpoint == Endpoint::kHealth || endpoint == Endpoint::kPage ||
+        endpoint == Endpoint::kAsset) {
+      return true;
+    }
+    const auto header = request.headers.find("authorization");
+    if (header == request.headers.end()) return false;
+    const auto token = korvel::http::BearerToken(header->second);
+    return token && korvel::http::SameSecret(*token, m_token);
+  }
+
+  static Response Unauthorized(const Request& request) {
+    const bool sent = request.headers.count("authorization") > 0;
+    Response response = korvel::http::ErrorResponse(
+        401, sent ? "the bearer token is not valid" : "a bearer token is required");
+    response.headers.emplace_back(
+        "WWW-Authenticate",
+        sent ? "Bearer realm=\"korvel\", error=\"invalid_token\"" : "Bearer realm=\"korvel\"");
+    return response;
+  }
+
   Response Types() {
     Json array = Json::array();
     for (const TypeSummary& summary : m_registry.Summaries()) {
@@ -204,7 +216,7 @@ class Api {
   }
 
   Response Instances(const Request& request) {
-    const auto view = m_registry.CurrentView(TypeParameter(request), false);
+    const auto view = m_registry.CurrentView(TypeParameter(request.query), false);
     if (!view) return JsonResponse(Json::array());
     auto [instances, current] = view->Rendered();
     if (!current) {
@@ -216,11 +228,10 @@ class Api {
   }
 
   Response Instance(const Request& request) {
-    const std::string type = TypeParameter(request);
-    const auto id = ParseServiceId(Parameter(request, "id"));
-    if (!id) throw Refusal(400, "not an instance id: '" + request.query.at("id") + "'");
-    const std::string idText = qx::uuid::to_string(*id);
-    const std::string dataPath = tree::DataPath(type, *id);
+    const std::string type = TypeParameter(request.query);
+    const qx::korvel::ServiceId id = IdParameter(request.query);
+    const std::string idText = qx::uuid::to_string(id);
+    const std::string dataPath = tree::DataPath(type, id);
     const auto records = ReadRecords(*m_registry.Conn(), {dataPath});
     if (records.empty()) throw Refusal(404, "no instance " + idText + " of type '" + type + "'");
     const Record& record = records.begin()->second;
@@ -232,7 +243,7 @@ class Api {
   }
 
   Reply Watch(const Request& request) {
-    auto view = m_registry.CurrentView(TypeParameter(request), true);
+    auto view = m_registry.CurrentView(TypeParameter(request.query), true);
     Reply reply;
     reply.stream = [view](const std::shared_ptr<korvel::http::EventSink>& sink) {
       return view->Subscribe(sink);
@@ -241,7 +252,7 @@ class Api {
   }
 
   Response Discovery(const Request& request) {
-    const auto view = m_registry.CurrentView(TypeParameter(request), false);
+    const auto view = m_registry.CurrentView(TypeParameter(request.query), false);
     const auto attribute = request.query.find("port_attribute");
     const std::string port =
         attribute == request.query.end() ? std::string("port") : attribute->second;
@@ -335,8 +346,36 @@ class Api {
 
   RegistryView& m_registry;
   HttpMetrics& m_metrics;
+  const std::string m_token;
   const korvel::http::Server* m_server = nullptr;
 };
+
+// The bearer token in `path`, without a trailing newline; Failure for a file that its group or
+// others may access, an empty token, or one that a header cannot carry.
+std::string ReadTokenFile(const std::string& path) {
+  // The errors name the file, never what it holds.
+  struct stat status {};
+  if (::stat(path.c_str(), &status) != 0) {
+    throw Failure("cannot read the token file " + path + ": " + std::strerror(errno));
+  }
+  if ((status.st_mode & (S_IRWXG | S_IRWXO)) != 0) {
+    throw Failure("the token file " + path +
+                  " is open to its group or to others: make it private (chmod 600 " + path + ")");
+  }
+  std::ifstream file(path, std::ios::binary);
+  std::string token{std::istreambuf_iterator<char>(file), {}};
+  if (!file) throw Failure("cannot read the token file " + path);
+  if (!token.empty() && token.back() == '\n') token.pop_back();
+  if (!token.empty() && token.back() == '\r') token.pop_back();
+  if (token.empty()) throw Failure("the token file " + path + " is empty");
+  for (const char c : token) {
+    if (c <= ' ' || c == '\x7f') {
+      throw Failure("the token in " + path +
+                    " has a space or a control character: a header cannot carry it");
+    }
+  }
+  return token;
+}
 
 }  // namespace
 
@@ -359,10 +398,11 @@ std::optional<std::pair<std::string, std::uint16_t>> ParseListenAddress(const st
 }
 
 int RunServe(const Settings& settings, const ServeOptions& options) {
+  const std::string token = options.tokenFile.empty() ? "" : ReadTokenFile(options.tokenFile);
   WatchStopSignals();
   RegistryView registry(Connect(settings.hosts, settings.sessionTimeout), options.cacheIdle);
   HttpMetrics metrics;
-  Api api(registry, metrics);
+  Api api(registry, metrics, token);
   std::unique_ptr<korvel::http::Server> server;
   try {
     server = std::make_unique<korvel::http::Server>(
@@ -377,6 +417,11 @@ int RunServe(const Settings& settings, const ServeOptions& options) {
   server->Start();
   std::cout << "listening on http://" << options.server.address << ":" << server->Port()
             << std::endl;
+  if (token.empty()) {
+    std::cerr << "korvel serve: unauthenticated: anyone who can reach this address reads the "
+                 "registry (--token-file requires a bearer token)"
+              << std::endl;
+  }
   while (!ReceivedStopSignal()) std::this_thread::sleep_for(100ms);
   QXLOG(g_log, qx::logging::QXLOG_INFO) << "Stopping: closing every connection";
   server->Stop();
