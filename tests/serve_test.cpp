@@ -262,13 +262,15 @@ std::ostream& operator<<(std::ostream& out, const Answer& answer) {
 }
 
 // One request on a connection of its own, through cpp-httplib.
-Answer Request(int port, const std::string& method, const std::string& target) {
+Answer Request(int port, const std::string& method, const std::string& target,
+               const httplib::Headers& headers = {}) {
   httplib::Client client("127.0.0.1", port);
   client.set_connection_timeout(2s);
   client.set_read_timeout(kAnswerTimeout);
   client.set_write_timeout(2s);
   client.set_url_encode(false);
-  const httplib::Result result = method == "HEAD" ? client.Head(target) : client.Get(target);
+  const httplib::Result result =
+      method == "HEAD" ? client.Head(target, headers) : client.Get(target, headers);
   Answer answer;
   if (!result) return answer;
   answer.status = result->status;
@@ -277,8 +279,8 @@ Answer Request(int port, const std::string& method, const std::string& target) {
   return answer;
 }
 
-Answer Get(int port, const std::string& target) {
-  return Request(port, "GET", target);
+Answer Get(int port, const std::string& target, const httplib::Headers& headers = {}) {
+  return Request(port, "GET", target, headers);
 }
 
 // The JSON answer of a GET that must succeed; null when it did not.
@@ -502,10 +504,12 @@ std::ostream& operator<<(std::ostream& out, const Event& event) {
 // each event arrived.
 class EventStream {
  public:
-  EventStream(int port, const std::string& type, const std::string& lastEventId = "")
+  // `more`: further header lines, each ending in "\r\n".
+  EventStream(int port, const std::string& type, const std::string& lastEventId = "",
+              const std::string& more = "")
       : m_socket(port) {
     const std::string headers =
-        "Accept: text/event-stream\r\n" +
+        "Accept: text/event-stream\r\n" + more +
         (lastEventId.empty() ? std::string() : "Last-Event-ID: " + lastEventId + "\r\n");
     if (!m_socket.Connected() ||
         !m_socket.Send(RequestText("/api/v1/watch?type=" + Encode(type), headers))) {
@@ -804,8 +808,8 @@ bool RaiseDescriptorLimit(rlim_t wanted) {
 }
 
 // The metrics, parsed strictly; an empty exposition (and a failure) when the text is broken.
-Exposition Metrics(int port) {
-  const Answer answer = Get(port, "/metrics");
+Exposition Metrics(int port, const httplib::Headers& headers = {}) {
+  const Answer answer = Get(port, "/metrics", headers);
   EXPECT_EQ(200, answer.status) << answer;
   try {
     return ParseExposition(answer.body);
@@ -1832,6 +1836,189 @@ TEST(ServeTest, SigtermOrSigintEndsItWithExitZero) {
     EXPECT_TRUE(idle.AwaitClose(5s)) << signal;
     EXPECT_FALSE(Socket(serve.Port()).Connected()) << "still listening after " << signal;
   }
+}
+
+// ---- The bearer token ---------------------------------------------------------------------
+
+constexpr char kToken[] = "k0rvel-T0ken-5ecret";
+
+// A file holding `text` with the permissions `mode`, removed on destruction.
+class TokenFile {
+ public:
+  TokenFile(const std::string& text, std::filesystem::perms mode)
+      : m_path(std::filesystem::temp_directory_path() / UniqueName("korvel-token")) {
+    std::ofstream(m_path) << text;
+    std::filesystem::permissions(m_path, mode);
+  }
+  ~TokenFile() {
+    std::error_code ignored;
+    std::filesystem::remove(m_path, ignored);
+  }
+  TokenFile(const TokenFile&) = delete;
+  TokenFile& operator=(const TokenFile&) = delete;
+
+  std::string Path() const { return m_path.string(); }
+
+ private:
+  std::filesystem::path m_path;
+};
+
+constexpr auto kPrivate = std::filesystem::perms::owner_read | std::filesystem::perms::owner_write;
+
+httplib::Headers Authorization(const std::optional<std::string>& value) {
+  if (!value) return {};
+  return {{"Authorization", *value}};
+}
+
+TEST(ServeTokenTest, EveryEndpointButTheHealthCheckAndTheDashboardNeedsTheToken) {
+  const auto conn = Connect(Hosts());
+  const std::string type = UniqueName("serve-token");
+  auto service = RegisterInstance(conn, type, "alpha", Service::UP, {{"w", "port", "9090"}});
+  const TokenFile file(std::string(kToken) + "\n", kPrivate);
+  Serve serve({"--token-file", file.Path()}, {"--log-level", "debug"});
+  ASSERT_SERVING(serve);
+  const int port = serve.Port();
+  const std::string bearer = std::string("Bearer ") + kToken;
+
+  std::string sameLength = kToken;
+  sameLength.back() = 'x';
+  // Authorization headers that are refused: none, wrong tokens, the right one in another scheme.
+  const std::vector<std::pair<std::string, std::optional<std::string>>> refused = {
+      {"no header", std::nullopt},
+      {"a wrong token of the same length", "Bearer " + sameLength},
+      {"a longer token", bearer + "x"},
+      {"a prefix of the token", bearer.substr(0, bearer.size() - 1)},
+      {"an empty token", "Bearer "},
+      {"another scheme", std::string("Basic ") + kToken},
+  };
+  const std::string query = "type=" + Encode(type);
+  int unauthorized = 0;
+  for (const std::string& target :
+       std::vector<std::string>{"/api/v1/types?", "/api/v1/instances?" + query,
+                                "/api/v1/instance?" + query + "&id=" + IdOf(*service),
+                                "/sd/prometheus?" + query, "/metrics?", "/nope?"}) {
+    for (const auto& [what, header] : refused) {
+      const Answer answer = Get(port, target, Authorization(header));
+      ExpectError(answer, 401, target + " with " + what);
+      EXPECT_EQ(0u, answer.Header("www-authenticate").rfind("Bearer realm=\"korvel\"", 0))
+          << target << " with " << what << ": " << answer.Header("www-authenticate");
+      ++unauthorized;
+    }
+    // A token is taken from the header only.
+    ExpectError(Get(port, target + "&access_token=" + kToken), 401, target + " with the query");
+    ++unauthorized;
+    const Answer answer = Get(port, target, Authorization(bearer));
+    EXPECT_EQ(target == "/nope?" ? 404 : 200, answer.status) << target << ": " << answer;
+  }
+  // The scheme's name is case-insensitive.
+  const Answer lower = Get(port, "/api/v1/types", Authorization("bearer " + std::string(kToken)));
+  EXPECT_EQ(200, lower.status) << lower;
+
+  // The event stream: refused as the other endpoints, a snapshot with the token.
+  for (const auto& [what, header] : refused) {
+    EventStream stream(port, type, "", header ? "Authorization: " + *header + "\r\n" : "");
+    EXPECT_EQ(401, stream.Status()) << "/api/v1/watch with " << what;
+    ++unauthorized;
+  }
+  EventStream stream(port, type, "", "Authorization: " + bearer + "\r\n");
+  ASSERT_EQ(200, stream.Status());
+  EXPECT_EQ("text/event-stream", MediaType(stream.ContentType()));
+  const auto snapshot = stream.Next();
+  ASSERT_TRUE(snapshot) << stream.Describe();
+  EXPECT_EQ("snapshot", snapshot->name);
+  EXPECT_EQ(1u, snapshot->Data().size()) << snapshot->data;
+
+  // The health check and the dashboard's page and assets answer anyone.
+  Answer health;
+  EXPECT_TRUE(WaitUntil(
+      [&] {
+        health = Get(port, "/healthz");
+        return health.status == 200;
+      },
+      kSettle))
+      << health;
+  for (const char* target : {"/", "/assets/app.js"}) {
+    const Answer answer = Get(port, target);
+    EXPECT_EQ(200, answer.status) << target << ": " << answer;
+  }
+
+  // Every 401 is counted, under the label of its endpoint; the token is nowhere in the metrics.
+  std::set<std::string> handlers;
+  EXPECT_TRUE(WaitUntil(
+      [&] {
+        const Exposition metrics = Metrics(port, Authorization(bearer));
+        handlers.clear();
+        const auto family = metrics.families.find("korvel_http_requests_total");
+        if (family == metrics.families.end()) return false;
+        for (const Sample& sample : family->second.samples) {
+          const auto code = std::find(sample.labels.begin(), sample.labels.end(),
+                                      std::make_pair(std::string("code"), std::string("401")));
+          if (code == sample.labels.end()) continue;
+          for (const auto& [name, value] : sample.labels) {
+            if (name == "handler") handlers.insert(value);
+          }
+        }
+        return SumOf(metrics, "korvel_http_requests_total", "korvel_http_requests_total",
+                     {{"code", "401"}}) == unauthorized;
+      },
+      kSettle))
+      << unauthorized << " answers of 401";
+  EXPECT_EQ((std::set<std::string>{"/api/v1/types", "/api/v1/instances", "/api/v1/instance",
+                                   "/api/v1/watch", "/sd/prometheus", "/metrics", "other"}),
+            handlers);
+  const Answer metricsText = Get(port, "/metrics", Authorization(bearer));
+  EXPECT_EQ(std::string::npos, metricsText.body.find(kToken));
+
+  serve.Process().Signal(SIGTERM);
+  ASSERT_EQ(0, serve.Process().Wait(kGrace)) << serve.Stderr();
+  const std::string out = serve.Process().Output(ChildProcess::kStdout);
+  EXPECT_EQ(std::string::npos, out.find(kToken)) << out;
+  EXPECT_EQ(std::string::npos, serve.Stderr().find(kToken)) << serve.Stderr();
+  EXPECT_EQ(std::string::npos, serve.Stderr().find("unauthenticated")) << serve.Stderr();
+}
+
+TEST(ServeTokenTest, ATokenFileThatOthersMayReadOrAnEmptyTokenIsRefused) {
+  using std::filesystem::perms;
+  const std::string secret = "refused-" + std::string(kToken);
+  const struct {
+    std::string what;
+    std::string text;
+    perms mode;
+    std::string error;
+  } cases[] = {
+      {"readable by its group", secret, kPrivate | perms::group_read, "chmod 600"},
+      {"readable by others", secret + "\n", kPrivate | perms::others_read, "chmod 600"},
+      {"writable by others", secret, kPrivate | perms::others_write, "chmod 600"},
+      {"empty", "", kPrivate, "is empty"},
+      {"a newline only", "\n", kPrivate, "is empty"},
+      {"with a space", secret + " " + secret, kPrivate, "space or a control character"},
+  };
+  for (const auto& c : cases) {
+    const TokenFile file(c.text, c.mode);
+    const Result result = RunKorvel(
+        {"--zk", Hosts(), "serve", "--listen", "127.0.0.1:0", "--token-file", file.Path()});
+    EXPECT_EQ(1, result.code) << c.what << ": " << result.out << result.err;
+    EXPECT_NE(std::string::npos, result.err.find(c.error)) << c.what << ": " << result.err;
+    EXPECT_NE(std::string::npos, result.err.find(file.Path())) << c.what << ": " << result.err;
+    EXPECT_EQ(std::string::npos, result.err.find(secret)) << c.what << ": " << result.err;
+    EXPECT_EQ("", result.out) << c.what;
+  }
+  const Result missing = RunKorvel({"--zk", Hosts(), "serve", "--listen", "127.0.0.1:0",
+                                    "--token-file", "/nonexistent/korvel-token"});
+  EXPECT_EQ(1, missing.code) << missing.err;
+  EXPECT_NE(std::string::npos, missing.err.find("cannot read the token file")) << missing.err;
+}
+
+TEST(ServeTokenTest, WithoutATokenItSaysThatItIsUnauthenticated) {
+  Serve serve;
+  ASSERT_SERVING(serve);
+  EXPECT_TRUE(serve.Process().WaitForLine(
+      ChildProcess::kStderr,
+      [](const std::string& line) { return line.find("unauthenticated") != std::string::npos; },
+      kCommandTimeout))
+      << serve.Stderr();
+  const Answer types = Get(serve.Port(), "/api/v1/types");
+  EXPECT_EQ(200, types.status) << types;
 }
 
 }  // namespace
