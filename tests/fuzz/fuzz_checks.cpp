@@ -5,8 +5,10 @@
 #include <cstdint>
 #include <cstring>
 #include <iomanip>
+#include <set>
 #include <sstream>
 
+#include "http_query.h"
 #include "korvel/error.h"
 #include "korvel/service_id.h"
 #include "korvel/tree.h"
@@ -223,6 +225,57 @@ void Apply(std::ostream& os, Reader& in, bool logging, std::vector<std::string>&
   }
 }
 
+// ---- The request of korvel serve ---------------------------------------------
+
+// The escapes of a query component: "%" followed by two hexadecimal digits each.
+bool EscapesValid(std::string_view component) {
+  for (std::size_t i = component.find('%'); i != std::string_view::npos;
+       i = component.find('%', i + 1)) {
+    if (i + 2 >= component.size() || !std::isxdigit(static_cast<unsigned char>(component[i + 1])) ||
+        !std::isxdigit(static_cast<unsigned char>(component[i + 2]))) {
+      return false;
+    }
+  }
+  return true;
+}
+
+// Every byte as %XX, which DecodeComponent must read back as the text.
+std::string Escaped(std::string_view text) {
+  static constexpr char kHex[] = "0123456789ABCDEF";
+  std::string escaped;
+  for (unsigned char c : text) escaped += {'%', kHex[c >> 4], kHex[c & 15]};
+  return escaped;
+}
+
+// The value of a parameter, "" when it is not given.
+std::string Given(const korvel::http::Query& query, const std::string& name) {
+  const auto it = query.find(name);
+  return it == query.end() ? std::string() : it->second;
+}
+
+// The type and id parameters of `query`: refused with 400, or normalised and valid.
+std::string CheckParameters(const korvel::http::Query& query) {
+  using korvel::cli::Refusal;
+  const std::string given = NormalizePath(Given(query, "type"));
+  const bool typeValid = !given.empty() && !qx::korvel::tree::IsLivenessType(given);
+  try {
+    if (korvel::cli::TypeParameter(query) != given) return "the type is not the normalised one";
+    if (!typeValid) return "type " + Show(given) + " is taken";
+  } catch (const Refusal& e) {
+    if (e.status != 400 || std::string(e.what()).empty()) return "the type's refusal is no 400";
+    if (typeValid) return "type " + Show(given) + " is refused";
+  }
+  const std::string id = Given(query, "id");
+  try {
+    const std::string read = qx::uuid::to_string(korvel::cli::IdParameter(query));
+    if (read != Lower(id)) return "id " + Show(id) + " reads as " + read;
+  } catch (const Refusal& e) {
+    if (e.status != 400 || std::string(e.what()).empty()) return "the id's refusal is no 400";
+    if (IsCanonicalUuidText(id)) return "id " + Show(id) + " is refused";
+  }
+  return "";
+}
+
 }  // namespace
 
 bool IsValidZooKeeperPath(std::string_view path) {
@@ -378,11 +431,80 @@ std::string CheckLogFormatting(std::string_view input) {
   return failure;
 }
 
+std::string CheckServeTarget(std::string_view input) {
+  using korvel::cli::Endpoint;
+  std::string path;
+  korvel::http::Query query;
+  const bool decoded = korvel::http::SplitTarget(input, path, query);
+  const std::size_t question = input.find('?');
+  if (path != input.substr(0, question)) return "the path of " + Show(input) + " is " + Show(path);
+
+  // The query: decoded exactly when every escape is whole; a name given twice keeps its last value.
+  const std::string_view rest =
+      question == std::string_view::npos ? std::string_view() : input.substr(question + 1);
+  if (decoded != EscapesValid(rest)) {
+    return "the query " + Show(rest) + (decoded ? " is decoded" : " is refused");
+  }
+  if (decoded) {
+    korvel::http::Query expected;
+    for (std::string_view pair : Split(rest, '&')) {
+      if (pair.empty()) continue;
+      const std::size_t equals = pair.find('=');
+      const auto name = korvel::http::DecodeComponent(pair.substr(0, equals));
+      const auto value = korvel::http::DecodeComponent(
+          equals == std::string_view::npos ? std::string_view() : pair.substr(equals + 1));
+      expected[*name] = *value;
+    }
+    if (query != expected) return "the query " + Show(rest) + " is not its pairs";
+    for (const auto& [name, value] : query) {
+      if (korvel::http::DecodeComponent(Escaped(value)) != value) {
+        return "the escaped value " + Show(value) + " does not decode back";
+      }
+    }
+    if (const std::string broken = CheckParameters(query); !broken.empty()) return broken;
+  }
+
+  // Routes: each known path has its endpoint, whose label is the path; any other path is an
+  // asset or "other", so that the labels stay few.
+  static const std::set<std::string_view> kLabels = {"/api/v1/types",    "/api/v1/instances",
+                                                     "/api/v1/instance", "/api/v1/watch",
+                                                     "/metrics",         "/sd/prometheus",
+                                                     "/healthz",         "/",
+                                                     "/assets",          "other"};
+  const Endpoint endpoint = korvel::cli::EndpointOf(path);
+  const std::string_view label = korvel::cli::EndpointLabel(endpoint);
+  if (kLabels.count(label) == 0) return "the label " + Show(label) + " is not a known one";
+  const bool asset = path.rfind("/assets/", 0) == 0;
+  if ((endpoint == Endpoint::kAsset) != asset) return Show(path) + " is routed as an asset";
+  const bool page = path == "/index.html" && endpoint == Endpoint::kPage;
+  if (endpoint != Endpoint::kAsset && endpoint != Endpoint::kOther && path != label && !page) {
+    return Show(path) + " is routed to " + Show(label);
+  }
+  if (endpoint == Endpoint::kOther && kLabels.count(path) != 0 && path != "/assets" &&
+      path != "other") {
+    return "the known path " + Show(path) + " is not routed";
+  }
+
+  // The token: the input as an Authorization header's value, and as a guess of the path.
+  if (const auto token = korvel::http::BearerToken(input)) {
+    const std::string secret(*token);
+    if (!korvel::http::SameSecret(*token, secret) ||
+        korvel::http::SameSecret(secret + "x", secret)) {
+      return "the token of " + Show(input) + " is not compared as itself";
+    }
+  }
+  if (korvel::http::SameSecret(input, path) != (input == path)) {
+    return "SameSecret of " + Show(input) + " and " + Show(path) + " is wrong";
+  }
+  return "";
+}
+
 const std::vector<Target>& Targets() {
   static const std::vector<Target> targets = {{"normalize_path", &CheckNormalizePath},
                                               {"service_id", &CheckServiceIdParse},
                                               {"registry_paths", &CheckRegistryPaths},
-                                              {"log_format", &CheckLogFormatting}};
+                                              {"log_format", &CheckLogFormatting},
+                                              {"serve_target", &CheckServeTarget}};
   return targets;
 }
 

@@ -38,6 +38,14 @@ std::string CheckRegistryPaths(std::string_view input);
 // unaffected.
 std::string CheckLogFormatting(std::string_view input);
 
+// How `korvel serve` reads a request target (http_query.h): the path is the
+// text before the first "?"; the query is decoded exactly when every "%" starts
+// a whole escape, into its pairs with the last value of a name; the type and id
+// parameters are refused with 400 exactly when they are no service type or
+// instance id; a path routes to its own endpoint, labelled by the path, or to
+// "/assets" or "other"; a bearer token compares equal to itself only.
+std::string CheckServeTarget(std::string_view input);
+
 // The server's rules for a path (PathUtils.validatePath): absolute, no empty,
 // "." or ".." component, no trailing "/", and, read as UTF-8, no malformed
 // sequence and no character in U+0000-U+001F, U+007F-U+009F, U+D800-U+F8FF,
