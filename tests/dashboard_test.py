@@ -7,6 +7,7 @@ instances), a real `korvel serve` on a free loopback port, and instances registe
 counts, a type page that follows registrations, status changes and departures without a reload,
 an instance page with its child records, the stale banner while ZooKeeper is down, the page
 reconnecting by itself after the server went away, deep links, keys, phone width, the dark scheme,
+a server started with --token-file (the page asks for its token, then shows the live type page),
 and no error in the browser's console. It prints how long the first render of 1,000 instances took
 and how the page kept up with 100 changes a second (measured, not asserted), and saves
 screenshots.
@@ -169,9 +170,9 @@ class DashboardTest:
         assert self.zk.startswith(LOOPBACK + ":"), f"fixture printed {self.zk!r}"
         log(f"ZooKeeper at {self.zk}")
 
-    def start_serve(self, port=0):
+    def start_serve(self, port=0, more=()):
         serve = Child("korvel serve", [self.args.korvel, "--zk", self.zk, "--session-timeout",
-                                       "2000", "serve", "--listen", f"{LOOPBACK}:{port}"])
+                                       "2000", "serve", "--listen", f"{LOOPBACK}:{port}", *more])
         first = serve.line(30)
         prefix = f"listening on http://{LOOPBACK}:"
         assert first.startswith(prefix), f"korvel serve printed {first!r}"
@@ -298,6 +299,8 @@ class DashboardTest:
         self.console(allow_network=True)
         self.check_thousand()
         self.console()
+        self.check_token()
+        self.console(allow_network=True)
 
     def check_assets(self):
         import urllib.error
@@ -623,6 +626,37 @@ class DashboardTest:
             f"{draws['count']} draws of {draws['rows']} rows took {draws['totalMs']:.0f} ms of "
             f"script (longest {draws['maxMs']:.0f} ms)")
         log("1,000 instances drawn; the page kept up with 100 changes a second")
+
+    def check_token(self):
+        """A server started with --token-file: the page asks for the token, asks again after a
+        wrong one, then shows the live type page; a reload keeps the token for the tab."""
+        path = os.path.join(self.tmp, "token")
+        secret = "dashboard-t0ken-5ecret"
+        with open(os.open(path, os.O_WRONLY | os.O_CREAT, 0o600), "w") as out:
+            out.write(secret + "\n")
+        self.start_serve(more=["--token-file", path])
+        first = self.register("secured-1", "secured")
+        self.open("#/type/secured")
+        dialog_open = "return document.getElementById('token').open"
+        wait_for("the token dialog", lambda: self.js(dialog_open), 10)
+        assert not self.rows(), "rows shown without the token"
+        self.screenshot("token")
+        field = self.driver.find_element("id", "token-input")
+        field.send_keys("not-the-" + secret)
+        self.driver.find_element("id", "token-submit").click()
+        wait_for("the token dialog again after a wrong token", lambda: self.js(
+            dialog_open + " && !document.getElementById('token-wrong').hidden"), 10)
+        field.send_keys(secret)
+        self.driver.find_element("id", "token-submit").click()
+        wait_for("the secured type page", lambda: self.row(first), 10)
+        assert not self.js(dialog_open), "the dialog is still open"
+        second = self.register("secured-2", "secured")
+        _, took = wait_for("a new instance on the secured page", lambda: self.row(second), 2)
+        self.figures.append(f"with a token: new instance shown after {took * 1000:.0f} ms")
+        self.driver.refresh()
+        wait_for("the secured page after a reload", lambda: len(self.rows()) == 2, 10)
+        assert not self.js(dialog_open), "the token was asked for again after a reload"
+        log("token: asked for once, asked again after a wrong one, then the live type page")
 
     def close(self):
         if self.driver is not None:

@@ -11,6 +11,10 @@
 // Data: /api/v1/types (polled), /api/v1/watch?type=T (Server-Sent Events), /api/v1/instance
 // (polled while its page is open), /healthz (polled). Changes from a stream go into the model at
 // once and are drawn once per animation frame, so that a burst of events costs one layout.
+// A server started with --token-file answers the API with 401 until it gets the token: the page
+// asks for it once, keeps it for the tab (sessionStorage), and sends it as "Authorization: Bearer"
+// on every API call and on the event streams, which are read with fetch() because an EventSource
+// cannot send a header.
 (() => {
   'use strict';
 
@@ -134,16 +138,76 @@
 
   // ---- Talking to the server -------------------------------------------------------------------
 
-  // GET `url` with a time limit. Resolves {status, body (JSON or text), ok}; rejects only when the
-  // server cannot be reached, and then tells the connection state so.
+  // The token of a server that requires one: asked for in the token dialog when the server
+  // answers 401, kept in sessionStorage for this tab. Every request waiting for it waits for the
+  // same answer of the dialog.
+  const token = {
+    KEY: 'korvel.token',
+    asking: null,  // the promise of the open dialog
+
+    current() {
+      return sessionStorage.getItem(this.KEY) || '';
+    },
+    // `headers` with the token's Authorization header, when there is a token.
+    headers(headers) {
+      const value = this.current();
+      return value ? {...headers, Authorization: `Bearer ${value}`} : headers;
+    },
+    // After a 401 to a request that sent `sent`: resolves once there is another token to try.
+    ask(sent) {
+      if (this.current() !== sent) return Promise.resolve();
+      if (!this.asking) {
+        sessionStorage.removeItem(this.KEY);
+        this.asking = new Promise((resolve) => {
+          const dialog = document.getElementById('token');
+          const form = document.getElementById('token-form');
+          const input = document.getElementById('token-input');
+          document.getElementById('token-wrong').hidden = !sent;
+          input.value = '';
+          form.onsubmit = (event) => {
+            event.preventDefault();
+            const value = input.value.trim();
+            if (!value) return;
+            sessionStorage.setItem(this.KEY, value);
+            dialog.close();
+            this.asking = null;
+            resolve();
+          };
+          // Escape does not dismiss it: without the token the page has nothing to show.
+          dialog.oncancel = (event) => event.preventDefault();
+          dialog.showModal();
+          input.focus();
+        });
+      }
+      return this.asking;
+    },
+  };
+
+  // GET `url` with a time limit per try, with the token; after a 401, again once the token dialog
+  // has a new one. Resolves {status, body (JSON or text), ok}; rejects only when the server
+  // cannot be reached, and then tells the connection state so.
   async function request(url, asText) {
-    const abort = new AbortController();
-    const timer = setTimeout(() => abort.abort(), REQUEST_TIMEOUT_MS);
-    try {
-      const response = await fetch(url, {cache: 'no-store', signal: abort.signal,
-        headers: {Accept: asText ? 'text/plain' : 'application/json'}});
-      const text = await response.text();
-      connection.reached();
+    for (;;) {
+      const sent = token.current();
+      const abort = new AbortController();
+      const timer = setTimeout(() => abort.abort(), REQUEST_TIMEOUT_MS);
+      let response;
+      let text;
+      try {
+        response = await fetch(url, {cache: 'no-store', signal: abort.signal,
+          headers: token.headers({Accept: asText ? 'text/plain' : 'application/json'})});
+        text = await response.text();
+        connection.reached();
+      } catch (error) {
+        connection.unreachable();
+        throw error;
+      } finally {
+        clearTimeout(timer);
+      }
+      if (response.status === 401) {
+        await token.ask(sent);
+        continue;
+      }
       let body = text;
       if (!asText) {
         try {
@@ -153,11 +217,71 @@
         }
       }
       return {status: response.status, ok: response.ok, body};
-    } catch (error) {
-      connection.unreachable();
-      throw error;
-    } finally {
-      clearTimeout(timer);
+    }
+  }
+
+  // A Server-Sent Events stream read with fetch(), so that it carries the token, with the part of
+  // EventSource's interface that TypeStream uses: listeners by event name, onopen once the answer
+  // is a stream, onerror once when it fails or ends. It does not reconnect by itself; after a 401
+  // it fails once the token dialog has a new token.
+  class TokenEventSource {
+    constructor(url) {
+      this.listeners = new Map();
+      this.onopen = null;
+      this.onerror = null;
+      this.abort = new AbortController();
+      this.read(url);
+    }
+
+    addEventListener(name, handle) {
+      this.listeners.set(name, handle);
+    }
+
+    close() {
+      this.abort.abort();
+    }
+
+    async read(url) {
+      try {
+        const sent = token.current();
+        const response = await fetch(url, {cache: 'no-store', signal: this.abort.signal,
+          headers: token.headers({Accept: 'text/event-stream'})});
+        if (response.status === 401) await token.ask(sent);
+        const type = response.headers.get('Content-Type') || '';
+        if (!response.ok || !type.startsWith('text/event-stream')) {
+          throw new Error(`HTTP ${response.status}`);
+        }
+        if (this.onopen) this.onopen();
+        const reader = response.body.pipeThrough(new TextDecoderStream()).getReader();
+        let buffer = '';
+        let name = '';
+        let data = [];
+        for (;;) {
+          const {value, done} = await reader.read();
+          if (done) break;
+          buffer += value;
+          let end;
+          while ((end = buffer.indexOf('\n')) >= 0) {
+            const line = buffer.slice(0, end).replace(/\r$/, '');
+            buffer = buffer.slice(end + 1);
+            if (line === '') {
+              const handle = this.listeners.get(name || 'message');
+              if (handle && data.length) handle({data: data.join('\n')});
+              name = '';
+              data = [];
+            } else if (!line.startsWith(':')) {
+              const colon = line.indexOf(':');
+              const field = colon < 0 ? line : line.slice(0, colon);
+              const text = colon < 0 ? '' : line.slice(colon + 1).replace(/^ /, '');
+              if (field === 'event') name = text;
+              else if (field === 'data') data.push(text);
+            }
+          }
+        }
+      } catch (e) {
+        // told below, unless closed on purpose
+      }
+      if (!this.abort.signal.aborted && this.onerror) this.onerror();
     }
   }
 
@@ -314,7 +438,7 @@
 
     open() {
       if (this.closed) return;
-      const source = new EventSource('/api/v1/watch?type=' + encodeURIComponent(this.type));
+      const source = new TokenEventSource('/api/v1/watch?type=' + encodeURIComponent(this.type));
       this.source = source;
       const on = (name, handle) => source.addEventListener(name, (event) => {
         let data;
@@ -354,8 +478,6 @@
       on('removed', (instance) => this.sink.removed(instance));
       on('changed', (change) => this.sink.changed(change));
       source.onerror = () => {
-        // The browser would retry by itself, but not after an answer that is no event stream;
-        // one retry policy for both.
         source.close();
         if (this.closed) return;
         if (this.state.state !== 'down') {
