@@ -87,44 +87,31 @@ namespace korvel::cli {
 
 using korvel::http::Query;
 
+namespace {
+
+// The endpoints at a path of their own, which is also their label.
+constexpr std::pair<const char*, Endpoint> kRoutes[] = {
+    {"/api/v1/types", Endpoint::kTypes},       {"/api/v1/instances", Endpoint::kInstances},
+    {"/api/v1/instance", Endpoint::kInstance}, {"/api/v1/watch", Endpoint::kWatch},
+    {"/metrics", Endpoint::kMetrics},          {"/sd/prometheus", Endpoint::kDiscovery},
+    {"/healthz", Endpoint::kHealth},           {"/", Endpoint::kPage}};
+
+}  // namespace
+
 Endpoint EndpointOf(std::string_view path) {
-  static const std::pair<const char*, Endpoint> kPaths[] = {
-      {"/api/v1/types", Endpoint::kTypes},       {"/api/v1/instances", Endpoint::kInstances},
-      {"/api/v1/instance", Endpoint::kInstance}, {"/api/v1/watch", Endpoint::kWatch},
-      {"/metrics", Endpoint::kMetrics},          {"/sd/prometheus", Endpoint::kDiscovery},
-      {"/healthz", Endpoint::kHealth},           {"/", Endpoint::kPage},
-      {"/index.html", Endpoint::kPage}};
-  for (const auto& [known, endpoint] : kPaths) {
+  for (const auto& [known, endpoint] : kRoutes) {
     if (path == known) return endpoint;
   }
+  if (path == "/index.html") return Endpoint::kPage;
   if (path.rfind("/assets/", 0) == 0) return Endpoint::kAsset;
   return Endpoint::kOther;
 }
 
 const char* EndpointLabel(Endpoint endpoint) {
-  switch (endpoint) {
-    case Endpoint::kTypes:
-      return "/api/v1/types";
-    case Endpoint::kInstances:
-      return "/api/v1/instances";
-    case Endpoint::kInstance:
-      return "/api/v1/instance";
-    case Endpoint::kWatch:
-      return "/api/v1/watch";
-    case Endpoint::kMetrics:
-      return "/metrics";
-    case Endpoint::kDiscovery:
-      return "/sd/prometheus";
-    case Endpoint::kHealth:
-      return "/healthz";
-    case Endpoint::kPage:
-      return "/";
-    case Endpoint::kAsset:
-      return "/assets";
-    case Endpoint::kOther:
-      break;
+  for (const auto& [path, known] : kRoutes) {
+    if (endpoint == known) return path;
   }
-  return "other";
+  return endpoint == Endpoint::kAsset ? "/assets" : "other";
 }
 
 const std::string& Parameter(const Query& query, const std::string& name) {
