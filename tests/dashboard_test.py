@@ -240,9 +240,12 @@ class DashboardTest:
         path = os.path.join(self.shots, name + ".png")
         if whole:
             size = self.driver.execute_cdp_cmd("Page.getLayoutMetrics", {})["cssContentSize"]
+            # Captured beyond the viewport, the page loses its vertical scroll bar and is laid
+            # out at the window's whole width: clip to that, not to the width beside the bar.
+            width = max(size["width"], self.js("return window.innerWidth"))
             shot = self.driver.execute_cdp_cmd("Page.captureScreenshot", {
                 "format": "png", "captureBeyondViewport": True,
-                "clip": {"x": 0, "y": 0, "width": size["width"], "height": size["height"],
+                "clip": {"x": 0, "y": 0, "width": width, "height": size["height"],
                          "scale": 1}})
             with open(path, "wb") as out:
                 out.write(base64.b64decode(shot["data"]))

@@ -146,7 +146,7 @@ void TypeView::OnEvent(const ServiceCacheEvent& event) {
       m_current = false;
       m_staleSince = std::time(nullptr);
       QXLOG(g_log, qx::logging::QXLOG_WARNING)
-          << "The cache of type '" << m_type << "' is stale: it lost its session";
+          << "The cache of type '" << m_type << "' is stale: its session expired or was cut off";
       BroadcastLocked("stale", Compact(Json{{"since", tree::UtcText(m_staleSince)}}));
       break;
   }

@@ -2,6 +2,7 @@
 // Event streams of a type's changes, Prometheus metrics and Prometheus HTTP service discovery,
 // and a health check; every type read through one ServiceCache however many clients ask.
 #include <korvel/metrics.h>
+#include <korvel/service.h>
 #include <korvel/tree.h>
 #include <korvel/utils.h>
 #include <logger/logger.h>
@@ -39,7 +40,8 @@ const qx::logging::ConstSourcePtr& g_log =
     *new qx::logging::ConstSourcePtr(qx::logging::MakeSource("korvel.serve"));
 
 constexpr char kMetricsContentType[] = "text/plain; version=0.0.4; charset=utf-8";
-const char* const kKnownStatuses[] = {"up", "down", "up_sending_disabled"};
+using qx::korvel::Service;
+const char* const kUp = Service::StatusToString(Service::UP);
 
 Response JsonResponse(const Json& json) {
   Response response;
@@ -205,7 +207,7 @@ class Api {
     for (const TypeSummary& summary : m_registry.Summaries()) {
       Json statuses = Json::object();
       for (const auto& [status, count] : summary.statuses) statuses[status] = count;
-      const auto up = summary.statuses.find("up");
+      const auto up = summary.statuses.find(kUp);
       array.push_back({{"type", summary.type},
                        {"instances", summary.instances},
                        {"up", up == summary.statuses.end() ? 0 : up->second},
@@ -265,7 +267,7 @@ class Api {
     std::vector<std::string> nodes;
     for (const auto& instance : state.instances) {
       const std::string* status = instance->Attribute(tree::kOwnAttributeNames[tree::kStatus]);
-      if (status == nullptr || *status != "up") continue;
+      if (status == nullptr || *status != kUp) continue;
       up.push_back(instance);
       nodes.push_back(tree::DataPath(view->Type(), instance->id));
     }
@@ -326,7 +328,10 @@ class Api {
       out.Add("korvel_types", {}, static_cast<double>(summaries.size()));
       for (const TypeSummary& summary : summaries) {
         auto statuses = summary.statuses;
-        for (const char* status : kKnownStatuses) statuses[status];
+        for (const Service::Status status :
+             {Service::UP, Service::DOWN, Service::UP_SENDING_DISABLED}) {
+          statuses[Service::StatusToString(status)];
+        }
         for (const auto& [status, count] : statuses) {
           out.Add("korvel_instances",
                   {{"type", summary.type}, {"status", status.empty() ? "none" : status}},

@@ -370,7 +370,7 @@
           .filter(Boolean).sort((a, b) => a - b);
       if (stale.length) {
         const reason = this.healthOk === false ? this.healthReason :
-          'the server lost its ZooKeeper session';
+          'the server has been cut off from ZooKeeper for longer than its session timeout';
         return {state: 'stale', since: stale[0], short: 'Stale',
           message: `The registry data is stale: ${reason.replace(/\.$/, '')}. ` +
             'What the page shows may be out of date; it updates by itself once the server ' +
