@@ -132,11 +132,12 @@ void Service::Register() {
 
   // The liveness node stands before the cleanup looks for data nodes without
   // one, so that this instance's own data node is never taken for a leftover.
+  if (!m_conn->User().empty()) CheckTypeAcl(stype);
   SetPath(m_alive, tree::AlivePath(stype, m_uuid));
-  EnsurePath(*m_conn, m_alive, true, ZOO_OPEN_ACL_UNSAFE);
+  EnsurePath(*m_conn, m_alive, true, m_conn->NodeAcl());
   CleanupCrashedApps(stype);
   SetPath(m_root, tree::DataPath(stype, m_uuid));
-  EnsurePath(*m_conn, m_root, false, ZOO_OPEN_ACL_UNSAFE);
+  EnsurePath(*m_conn, m_root, false, m_conn->NodeAcl());
 
   CreateOrSet(tree::OwnAttributePath(m_root, tree::kStatus), StatusToString(DOWN));
   if (!m_name.empty()) CreateOrSet(tree::OwnAttributePath(m_root, tree::kServiceName), m_name);
@@ -197,8 +198,37 @@ void Service::Register() {
   if (!version.empty()) CreateOrSet(tree::OwnAttributePath(m_root, tree::kVersion), version);
 }
 
+void Service::CheckTypeAcl(const String& stype) {
+  const ACL& owner = m_conn->NodeAcl().data[0];
+  bool open = false;
+  for (const String& dir : {tree::AliveDir(stype), tree::DataDir(stype)}) {
+    std::vector<AclEntry> acl;
+    if (m_conn->GetAcl(dir, acl) != ZOK) continue;  // made below, with the owner's ACL
+    bool mayCreate = false;
+    for (const AclEntry& entry : acl) {
+      if ((entry.perms & ZOO_PERM_CREATE) == 0) continue;
+      const bool anyone = entry.scheme == "world" && entry.id == "anyone";
+      open = open || anyone;
+      mayCreate =
+          mayCreate || anyone || (entry.scheme == owner.id.scheme && entry.id == owner.id.id);
+    }
+    if (!mayCreate) {
+      QXLOG(g_log, QXLOG_ERROR) << "Not authorized to register type '" << stype << "' as '"
+                                << m_conn->User() << "': '" << dir
+                                << "' belongs to another identity (or the password is wrong)";
+      throw KorvelError("Not authorized to register: the type belongs to another identity");
+    }
+  }
+  if (open) {
+    QXLOG(g_log, QXLOG_WARNING) << "Type '" << stype
+                                << "' is open to every client of ZooKeeper; protect it with "
+                                   "'korvel acl lock "
+                                << stype << "'";
+  }
+}
+
 void Service::CreateOrSet(const String& path, const String& value) {
-  int rc = m_conn->Create(path, value, ZOO_OPEN_ACL_UNSAFE, ZOO_EPHEMERAL, nullptr);
+  int rc = m_conn->Create(path, value, m_conn->NodeAcl(), ZOO_EPHEMERAL, nullptr);
   if (rc == ZNODEEXISTS) {
     rc = m_conn->Set(path, value, -1);
     if (rc == ZNONODE) {
@@ -236,8 +266,8 @@ void Service::SetChildAttribute(String childPath, String attribute, String value
   // Update first: an attribute that exists costs one request.
   int result = m_conn->Set(attrPath, value, -1);
   if (result == ZNONODE) {
-    if (!own) EnsurePath(*m_conn, node, false, ZOO_OPEN_ACL_UNSAFE);
-    result = m_conn->Create(attrPath, value, ZOO_OPEN_ACL_UNSAFE, 0, nullptr);
+    if (!own) EnsurePath(*m_conn, node, false, m_conn->NodeAcl());
+    result = m_conn->Create(attrPath, value, m_conn->NodeAcl(), 0, nullptr);
   }
   if (result == ZOK) return;
   QXLOG(g_log, QXLOG_ERROR) << "Failed to create node: " << zerror(result);
@@ -291,7 +321,7 @@ void Service::CleanupCrashedApps(String stype) {
 
 OldServiceWatcher::OldServiceWatcher(std::shared_ptr<Connection> conn, const String& name)
     : m_conn(std::move(conn)), m_name(NormalizePath(name)) {
-  EnsurePath(*m_conn, tree::AliveDir(m_name), false, ZOO_OPEN_ACL_UNSAFE);
+  EnsurePath(*m_conn, tree::AliveDir(m_name), false, m_conn->NodeAcl());
 }
 
 std::tuple<int, std::vector<ServiceId>> OldServiceWatcher::List() const {

@@ -36,9 +36,11 @@ const char* StateName(int state) {
 }  // namespace
 
 Connection::SessionKeeper::SessionKeeper(String hosts, std::chrono::milliseconds timeout,
+                                         std::optional<Credentials> credentials,
                                          WatchRegistry& watches, Notify notify)
     : m_hosts(std::move(hosts)),
       m_timeoutMs(static_cast<int>(timeout.count())),
+      m_credentials(std::move(credentials)),
       m_watches(watches),
       m_notify(std::move(notify)),
       m_worker([this] { RunWorker(); }) {}
@@ -67,11 +69,13 @@ void Connection::SessionKeeper::Connect(std::chrono::milliseconds timeout) {
     QXLOG(g_log, QXLOG_ERROR) << "Invalid ZooKeeper connect string '" << m_hosts << "'";
     throw KorvelError("Invalid ZooKeeper connect string");
   }
-  if (!m_connectedCv.wait_for(lock, timeout, [this] { return m_current->connected; })) {
+  const auto ready = [this] { return m_current->connected && m_current->authAnswered; };
+  if (!m_connectedCv.wait_for(lock, timeout, ready)) {
     QXLOG(g_log, QXLOG_ERROR) << "Failed to connect to ZooKeeper at '" << m_hosts << "' within "
                               << timeout.count() << " ms";
     throw KorvelError("Failed to connect to ZooKeeper");
   }
+  if (!m_current->authenticated) throw KorvelError("ZooKeeper authentication failed");
 }
 
 std::shared_ptr<Connection::SessionKeeper::Session> Connection::SessionKeeper::Current() const {
@@ -84,11 +88,24 @@ std::shared_ptr<Connection::SessionKeeper::Session> Connection::SessionKeeper::C
 std::shared_ptr<Connection::SessionKeeper::Session> Connection::SessionKeeper::Open() {
   details::RouteClientLogging();
   auto* session = new Session{this};
+  session->authAnswered = session->authenticated = !m_credentials;
   session->zh = zookeeper_init2(m_hosts.c_str(), &SessionKeeper::OnSessionWatch, m_timeoutMs,
                                 nullptr, session, 0, &details::ClientLogCallback);
   if (session->zh == nullptr) {
     delete session;
     return nullptr;
+  }
+  // Added before anyone can send on the session: the client sends it first on
+  // every connection of the session, ahead of every request.
+  if (m_credentials) {
+    const String secret = m_credentials->user + ":" + m_credentials->password;
+    const int rc = zoo_add_auth(session->zh, "digest", secret.data(),
+                                static_cast<int>(secret.size()), &OnAuthenticated, session);
+    if (rc != ZOK) {
+      QXLOG(g_log, QXLOG_ERROR) << "Failed to authenticate as '" << m_credentials->user
+                                << "': " << zerror(rc);
+      session->authAnswered = true;
+    }
   }
   return std::shared_ptr<Session>(session, [this](Session* s) { Retire(s); });
 }
@@ -152,13 +169,42 @@ void Connection::SessionKeeper::OnSessionWatch(zhandle_t*, int type, int state, 
   session->keeper->OnSessionEvent(*session, state, path ? path : "");
 }
 
+void Connection::SessionKeeper::OnAuthenticated(int rc, const void* context) {
+  details::EventThreadScope scope;
+  auto& session = *static_cast<Session*>(const_cast<void*>(context));
+  SessionKeeper& keeper = *session.keeper;
+  bool current, release;
+  {
+    std::lock_guard<std::mutex> lock(keeper.m_sessionMutex);
+    // The client may answer again on each reconnection of the session.
+    if (session.authAnswered) return;
+    session.authAnswered = true;
+    session.authenticated = rc == ZOK;
+    current = !keeper.m_closing && keeper.m_current.get() == &session;
+    release = std::exchange(session.connectedHeld, false);
+    keeper.m_connectedCv.notify_all();
+  }
+  if (!current) return;
+  if (rc != ZOK) {
+    QXLOG(g_log, QXLOG_ERROR) << "ZooKeeper authentication failed for user '"
+                              << keeper.m_credentials->user << "': " << zerror(rc);
+    return;
+  }
+  QXLOG(g_log, QXLOG_INFO) << "ZooKeeper session authenticated as '" << keeper.m_credentials->user
+                           << "'";
+  if (release) keeper.m_notify(ZOO_CONNECTED_STATE, "");
+}
+
 void Connection::SessionKeeper::OnSessionEvent(Session& session, int state, const String& path) {
-  bool current;
+  bool current, hold = false;
   clientid_t id{};
   {
     std::lock_guard<std::mutex> lock(m_sessionMutex);
     current = !m_closing && m_current.get() == &session;
     if (current) id = *zoo_client_id(session.zh);
+    // A connected state held for the authentication is dropped by a later one.
+    session.connectedHeld = state == ZOO_CONNECTED_STATE && !session.authAnswered;
+    hold = session.connectedHeld;
   }
   // The state is logged before a waiting Connect is released, so that the
   // connection's first record always comes before anything its user logs.
@@ -167,7 +213,7 @@ void Connection::SessionKeeper::OnSessionEvent(Session& session, int state, cons
     QXLOG(g_log, level) << "ZooKeeper session " << SessionIdText(id) << " " << StateName(state);
   }
   CountState(session, state);
-  if (!current) return;
+  if (!current || hold) return;
 
   if (state == ZOO_EXPIRED_SESSION_STATE) m_watches.Expire(&session);
   m_notify(state, path);
