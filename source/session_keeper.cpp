@@ -50,6 +50,7 @@ Connection::SessionKeeper::~SessionKeeper() {
   {
     std::lock_guard<std::mutex> lock(m_sessionMutex);
     m_closing = true;
+    m_connectedCv.notify_all();  // ends an event thread's wait for the authentication
     last = std::move(m_current);
     if (std::exchange(m_countedConnected, false)) details::CountConnected(-1);
   }
@@ -169,42 +170,45 @@ void Connection::SessionKeeper::OnSessionWatch(zhandle_t*, int type, int state, 
   session->keeper->OnSessionEvent(*session, state, path ? path : "");
 }
 
+// Runs on the client's I/O thread, which must not be held up: it only
+// records the answer for the event thread that waits for it.
 void Connection::SessionKeeper::OnAuthenticated(int rc, const void* context) {
-  details::EventThreadScope scope;
   auto& session = *static_cast<Session*>(const_cast<void*>(context));
   SessionKeeper& keeper = *session.keeper;
-  bool current, release;
   {
     std::lock_guard<std::mutex> lock(keeper.m_sessionMutex);
     // The client may answer again on each reconnection of the session.
     if (session.authAnswered) return;
     session.authAnswered = true;
     session.authenticated = rc == ZOK;
-    current = !keeper.m_closing && keeper.m_current.get() == &session;
-    release = std::exchange(session.connectedHeld, false);
-    keeper.m_connectedCv.notify_all();
   }
-  if (!current) return;
-  if (rc != ZOK) {
+  keeper.m_connectedCv.notify_all();
+  if (rc == ZOK) {
+    QXLOG(g_log, QXLOG_INFO) << "ZooKeeper session authenticated as '" << keeper.m_credentials->user
+                             << "'";
+  } else {
     QXLOG(g_log, QXLOG_ERROR) << "ZooKeeper authentication failed for user '"
                               << keeper.m_credentials->user << "': " << zerror(rc);
-    return;
   }
-  QXLOG(g_log, QXLOG_INFO) << "ZooKeeper session authenticated as '" << keeper.m_credentials->user
-                           << "'";
-  if (release) keeper.m_notify(ZOO_CONNECTED_STATE, "");
+}
+
+// Waits on the event thread (the answer comes on the I/O thread) until the
+// server has answered the session's authentication, at most a session timeout.
+// True when it accepted it.
+bool Connection::SessionKeeper::AwaitAuthentication(Session& session) {
+  std::unique_lock<std::mutex> lock(m_sessionMutex);
+  m_connectedCv.wait_for(lock, std::chrono::milliseconds(m_timeoutMs),
+                         [&] { return session.authAnswered || m_closing; });
+  return session.authenticated;
 }
 
 void Connection::SessionKeeper::OnSessionEvent(Session& session, int state, const String& path) {
-  bool current, hold = false;
+  bool current;
   clientid_t id{};
   {
     std::lock_guard<std::mutex> lock(m_sessionMutex);
     current = !m_closing && m_current.get() == &session;
     if (current) id = *zoo_client_id(session.zh);
-    // A connected state held for the authentication is dropped by a later one.
-    session.connectedHeld = state == ZOO_CONNECTED_STATE && !session.authAnswered;
-    hold = session.connectedHeld;
   }
   // The state is logged before a waiting Connect is released, so that the
   // connection's first record always comes before anything its user logs.
@@ -213,7 +217,10 @@ void Connection::SessionKeeper::OnSessionEvent(Session& session, int state, cons
     QXLOG(g_log, level) << "ZooKeeper session " << SessionIdText(id) << " " << StateName(state);
   }
   CountState(session, state);
-  if (!current || hold) return;
+  if (!current) return;
+  // Observers hear of a connected session only once it is authenticated, so
+  // that nothing they do runs without the identity.
+  if (state == ZOO_CONNECTED_STATE && !AwaitAuthentication(session)) return;
 
   if (state == ZOO_EXPIRED_SESSION_STATE) m_watches.Expire(&session);
   m_notify(state, path);

@@ -34,7 +34,6 @@ class Connection::SessionKeeper {
     // Without credentials both are true from the start; guarded by m_sessionMutex.
     bool authAnswered = false;
     bool authenticated = false;
-    bool connectedHeld = false;  // a connected state waits for the authentication
   };
   // Called on the event thread with each state of the current session, after
   // an expiry has been delivered to the session's pending watches.
@@ -64,6 +63,7 @@ class Connection::SessionKeeper {
   void Reopen(const Session* expired);
   static void OnSessionWatch(zhandle_t*, int type, int state, const char* path, void* context);
   static void OnAuthenticated(int rc, const void* context);
+  bool AwaitAuthentication(Session& session);
   void OnSessionEvent(Session& session, int state, const String& path);
   void CountState(Session& session, int state);
 
