@@ -2,18 +2,23 @@
 // protected against every other client, against a real server that has a
 // superuser.
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
+#include <filesystem>
+#include <fstream>
 #include <functional>
 #include <map>
 
 #include "korvel/error.h"
 #include "korvel/service.h"
 #include "korvel/utils.h"
+#include "process/child_process.h"
 #include "util/test_util.h"
 
 namespace korvel::test {
 namespace {
 
+using process::ChildProcess;
 using qx::korvel::AclEntry;
 using qx::korvel::Connection;
 using qx::korvel::Credentials;
@@ -265,6 +270,117 @@ TEST_F(AclTest, InvalidCredentialsAreRefused) {
       EXPECT_STREQ("Invalid ZooKeeper credentials", e.what());
     }
   }
+}
+
+// The CLI's credentials in its environment.
+std::vector<std::string> AuthEnvironment(const Credentials& credentials) {
+  return {"KORVEL_ZK_AUTH=" + credentials.user + ":" + credentials.password};
+}
+
+Result Korvel(const std::vector<std::string>& args, const std::vector<std::string>& environment) {
+  return RunKorvel(Concat({"--zk", AclServer().ConnectString()}, args), environment);
+}
+
+TEST_F(AclTest, CliLockProtectsAnOpenTypeAndShowPrintsIt) {
+  const auto anonymous = Connect(AclServer().ConnectString());
+  {
+    Service open(anonymous, type, "old");
+    open.SetChildAttribute("db", "port", "1");
+  }
+  Service service(anonymous, type, "api");
+  const Result openShow = Korvel({"acl", "show", type}, {});
+  ASSERT_EQ(0, openShow.code) << openShow.err;
+  EXPECT_NE(std::string::npos, openShow.out.find(service.GetRoot() + "\n    anyone: all\n"))
+      << openShow.out;
+  EXPECT_NE(std::string::npos, openShow.out.find("Open: ")) << openShow.out;
+
+  const Result refused = Korvel({"acl", "lock", type}, {});
+  EXPECT_EQ(1, refused.code);
+  EXPECT_NE(std::string::npos, refused.err.find("needs the owner's credentials")) << refused.err;
+
+  const Result lock = Korvel({"acl", "lock", type}, AuthEnvironment(kOwner));
+  ASSERT_EQ(0, lock.code) << lock.err;
+  // Two directories, the liveness and data nodes, five attributes; the leftover of the first
+  // instance went with the second registration.
+  EXPECT_EQ("locked 9 nodes of type " + type + " for user 'owner'\n", lock.out);
+  const Result show = Korvel({"acl", "show", type}, {});
+  ASSERT_EQ(0, show.code) << show.err;
+  EXPECT_NE(std::string::npos, show.out.find(tree::AlivePath(type, service.GetId()) +
+                                             "\n    user 'owner': all; anyone: read\n"))
+      << show.out;
+  EXPECT_NE(std::string::npos, show.out.find("Protected: ")) << show.out;
+  EXPECT_EQ(std::string::npos, show.out.find("anyone: all")) << show.out;
+  const Result json = Korvel({"acl", "show", type, "--json"}, {});
+  EXPECT_NE(std::string::npos, json.out.find("\"open\": false")) << json.out;
+
+  // The open type is now a protected one.
+  const auto before = TypeSnapshot();
+  EXPECT_EQ(ZNOAUTH, anonymous->Delete(tree::AlivePath(type, service.GetId()), -1));
+  EXPECT_EQ(ZNOAUTH, anonymous->Create(tree::DataDir(type) + "/impostor", "", ZOO_OPEN_ACL_UNSAFE,
+                                       0, nullptr));
+  EXPECT_EQ(before, TypeSnapshot());
+
+  // Another user may not take it over; the superuser may.
+  const Result other = Korvel({"acl", "lock", type}, AuthEnvironment(kOther));
+  EXPECT_EQ(1, other.code);
+  EXPECT_NE(std::string::npos, other.err.find("not allowed to change the ACL")) << other.err;
+  EXPECT_EQ(before, TypeSnapshot());
+  const Result super = Korvel({"acl", "lock", type}, AuthEnvironment(kSuper));
+  EXPECT_EQ(0, super.code) << super.err;
+  // (The server shows the hash of a digest only to a client with admin rights on the node.)
+  EXPECT_EQ("digest:" + DigestId(kSuper) + "=31;world:anyone=1;",
+            AclOf(*ConnectAs(kSuper), tree::DataDir(type)));
+}
+
+TEST_F(AclTest, CliAuthFileMustBePrivate) {
+  Service open(Connect(AclServer().ConnectString()), type, "api");
+  const std::string file = testing::TempDir() + UniqueName("auth");
+  std::ofstream(file) << kOwner.user << ":" << kOwner.password << "\n";
+  chmod(file.c_str(), 0644);
+  const Result shared = Korvel({"--auth-file", file, "acl", "lock", type}, {});
+  EXPECT_EQ(1, shared.code);
+  EXPECT_EQ(
+      "korvel: " + file + " is readable by others: make it private (chmod 600 " + file + ")\n",
+      shared.err);
+  EXPECT_EQ(kOpenAcl, AclOf(*owner, tree::DataDir(type)));
+  chmod(file.c_str(), 0600);
+  const Result locked = Korvel({"--auth-file", file, "acl", "lock", type}, {});
+  EXPECT_EQ(0, locked.code) << locked.err;
+  EXPECT_EQ(kOwnerAcl, AclOf(*owner, tree::DataDir(type)));
+  std::filesystem::remove(file);
+}
+
+// A registration of the CLI with credentials: its nodes are the owner's, and the password is in
+// none of its arguments, its output or its log.
+TEST_F(AclTest, CliRegistrationKeepsThePasswordSecret) {
+  process::SpawnOptions options;
+  options.environment = EnvironmentWith(AuthEnvironment(kOwner));
+  ChildProcess registration(CliPath(),
+                            {"korvel", "--zk", AclServer().ConnectString(), "--log-level", "debug",
+                             "register", type, "--status", "up"},
+                            options);
+  const auto id = registration.WaitForLine(
+      ChildProcess::kStdout, [](const std::string&) { return true; }, 20s);
+  ASSERT_TRUE(id.has_value()) << registration.Output(ChildProcess::kStderr);
+  const std::string alive = tree::Below(tree::AliveDir(type), *id);
+  ASSERT_TRUE(WaitUntil(
+      [&] { return ReadNode(*owner, tree::Below(tree::DataDir(type), *id) + "/status") == "up"; },
+      10s));
+  EXPECT_EQ(kOwnerAcl, AclOf(*owner, alive));
+  const auto anonymous = Connect(AclServer().ConnectString());
+  EXPECT_EQ(ZNOAUTH, anonymous->Delete(alive, -1));
+
+  std::ifstream cmdlineFile("/proc/" + std::to_string(registration.Pid()) + "/cmdline");
+  const std::string cmdline((std::istreambuf_iterator<char>(cmdlineFile)),
+                            std::istreambuf_iterator<char>());
+  EXPECT_NE(std::string::npos, cmdline.find("register"));
+  EXPECT_EQ(std::string::npos, cmdline.find(kOwner.password));
+  EXPECT_EQ(0, registration.Stop(10s));
+  const std::string output =
+      registration.Output(ChildProcess::kStdout) + registration.Output(ChildProcess::kStderr);
+  EXPECT_NE(std::string::npos, output.find("authenticated as 'owner'")) << output;
+  EXPECT_EQ(std::string::npos, output.find(kOwner.password)) << output;
+  EXPECT_FALSE(NodeExists(*owner, alive));
 }
 
 }  // namespace
