@@ -7,6 +7,7 @@
 #include <cstring>
 #include <ctime>
 #include <fstream>
+#include <mutex>
 #include <unordered_set>
 
 #include <boost/algorithm/string/trim.hpp>
@@ -44,6 +45,28 @@ using logging::QXLOG_DEBUG;
 using logging::QXLOG_ERROR;
 using logging::QXLOG_INFO;
 using logging::QXLOG_WARNING;
+
+// The types whose directories were seen protected for an identity, as its
+// digest id + "/" + type: their ACLs are read once per process, not at every
+// registration. An open type is never recorded, so it is reported each time.
+class ProtectedTypes {
+ public:
+  bool Contains(const String& key) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_keys.count(key) != 0;
+  }
+  void Add(String key) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_keys.insert(std::move(key));
+  }
+
+ private:
+  std::mutex m_mutex;
+  std::unordered_set<String> m_keys;
+};
+
+// Never destroyed: registrations may run on the client's threads at exit.
+ProtectedTypes& g_protectedTypes = *new ProtectedTypes;
 
 // Runs a registration and counts how it ended.
 template <typename Register>
@@ -130,9 +153,9 @@ void Service::Register() {
   const String uuidStr = uuid::to_string(m_uuid);
   QXLOG(g_log, QXLOG_INFO) << "Initializing Korvel Service: " << uuidStr;
 
+  if (!m_conn->User().empty()) CheckTypeAcl(stype);
   // The liveness node stands before the cleanup looks for data nodes without
   // one, so that this instance's own data node is never taken for a leftover.
-  if (!m_conn->User().empty()) CheckTypeAcl(stype);
   SetPath(m_alive, tree::AlivePath(stype, m_uuid));
   EnsurePath(*m_conn, m_alive, true, m_conn->NodeAcl());
   CleanupCrashedApps(stype);
@@ -200,10 +223,15 @@ void Service::Register() {
 
 void Service::CheckTypeAcl(const String& stype) {
   const ACL& owner = m_conn->NodeAcl().data[0];
-  bool open = false;
+  String key = String(owner.id.id) + "/" + stype;
+  if (g_protectedTypes.Contains(key)) return;
+  bool open = false, missing = false;
   for (const String& dir : {tree::AliveDir(stype), tree::DataDir(stype)}) {
     std::vector<AclEntry> acl;
-    if (m_conn->GetAcl(dir, acl) != ZOK) continue;  // made below, with the owner's ACL
+    if (m_conn->GetAcl(dir, acl) != ZOK) {
+      missing = true;  // made below, with the owner's ACL
+      continue;
+    }
     bool mayCreate = false;
     for (const AclEntry& entry : acl) {
       if ((entry.perms & ZOO_PERM_CREATE) == 0) continue;
@@ -219,6 +247,7 @@ void Service::CheckTypeAcl(const String& stype) {
       throw KorvelError("Not authorized to register: the type belongs to another identity");
     }
   }
+  if (!open && !missing) g_protectedTypes.Add(std::move(key));
   if (open) {
     QXLOG(g_log, QXLOG_WARNING) << "Type '" << stype
                                 << "' is open to every client of ZooKeeper; protect it with "

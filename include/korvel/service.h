@@ -101,6 +101,7 @@ class Service : public std::enable_shared_from_this<Service>, public ConnectionO
   void Register();
   // With credentials: throws KorvelError when the type's directories belong
   // to another identity, and logs a warning when they are open to anyone.
+  // Once they were found the identity's, they are not read again.
   void CheckTypeAcl(const String& stype);
   void CreateOrSet(const String& path, const String& value);
   void SetStatusInternal(Status status, String path);
