@@ -1,5 +1,6 @@
 #include "korvel/connection_v2.h"
 
+#include <algorithm>
 #include <atomic>
 #include <thread>
 #include <utility>
@@ -102,6 +103,7 @@ GetResult ReadValue(zhandle_t* zh, const String& path, String& data, watcher_fn 
   return {rc, watchSet};
 }
 
+// Standard base64 with padding, as the server's digest ids use it.
 String Base64(const unsigned char* bytes, std::size_t size) {
   static const char kDigits[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
   String text;
@@ -132,8 +134,9 @@ String DigestId(const Credentials& credentials) {
   boost::uuids::detail::sha1::digest_type words;
   sha1.get_digest(words);
   unsigned char bytes[20];
-  for (int i = 0; i < 20; ++i)
-    bytes[i] = static_cast<unsigned char>(words[i / 4] >> (24 - 8 * (i % 4)));
+  for (int i = 0; i < 20; ++i) {
+    bytes[i] = static_cast<unsigned char>(words[i / 4] >> (24 - 8 * (i % 4)));  // big-endian
+  }
   return credentials.user + ":" + Base64(bytes, sizeof bytes);
 }
 
@@ -256,8 +259,8 @@ class Connection::Impl {
 
   Connection& m_self;
   const String m_user;
-  String m_ownerId;
-  ACL m_ownerAcl[2];
+  String m_ownerId;   // the identity's digest id; m_ownerAcl points into it
+  ACL m_ownerAcl[2];  // the identity: all rights; anyone: read
   const ACL_vector m_nodeAcl;
   std::atomic<bool> m_hasInjector{false};
   mutable std::mutex m_injectorMutex;

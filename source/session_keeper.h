@@ -21,8 +21,9 @@ namespace qx::korvel {
 // the current session reaches, passes it on, and replaces an expired session
 // by a new one. With credentials, each session authenticates before anything
 // else is sent on it, and its connected state is passed on only once the
-// server has answered the authentication. A handle is closed on the keeper's worker thread once its
-// last user lets it go, never on one of the client's threads.
+// server has answered the authentication. A handle is closed on the keeper's
+// worker thread once its last user lets it go, never on one of the client's
+// threads.
 class Connection::SessionKeeper {
  public:
   // One C-client handle. It is the handle's context, so callbacks find their
