@@ -348,6 +348,11 @@ TEST_F(AclTest, CliAuthFileMustBePrivate) {
   EXPECT_EQ(0, locked.code) << locked.err;
   EXPECT_EQ(kOwnerAcl, AclOf(*owner, tree::DataDir(type)));
   std::filesystem::remove(file);
+
+  const Result malformed = Korvel({"acl", "show", type}, {"KORVEL_ZK_AUTH=no-colon-secret"});
+  EXPECT_EQ(1, malformed.code);
+  EXPECT_EQ("korvel: KORVEL_ZK_AUTH does not hold credentials of the form USER:PASSWORD\n",
+            malformed.err);
 }
 
 // A registration of the CLI with credentials: its nodes are the owner's, and the password is in

@@ -135,7 +135,9 @@ class Connection : public ObservableImpl<ConnectionObserver> {
   // The same, and every session it opens (the first and each one after an
   // expiry) authenticates as `credentials` before observers hear that it is
   // connected, so nothing they do runs unauthenticated. Nodes that korvel
-  // makes over it then get NodeAcl(). The connection keeps its own copy.
+  // makes over it then get NodeAcl(). The connection keeps its own copy for
+  // new sessions and sends the password to the server only; the caller's may
+  // go at once. May be called from any thread.
   // Throws as above, KorvelError "Invalid ZooKeeper credentials" for an empty
   // user or one with ':', and "ZooKeeper authentication failed" (the user
   // named in an ERROR record) when the server refuses them. Note that with the digest scheme
