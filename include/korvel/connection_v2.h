@@ -193,7 +193,9 @@ class Connection : public ObservableImpl<ConnectionObserver> {
   std::pair<int, WatchHandle> GetChildren(String path, std::vector<String>& children,
                                           WatchFunction watch) const;
   int Delete(String path, int version) const;
-  // Reads the node's ACL into `acl` (replacing its contents).
+  // Reads the node's ACL into `acl` (replacing its contents). The server
+  // shows a digest's hash only to a client with admin rights on the node
+  // ("user:x" to others). Neither ACL operation is counted in the metrics.
   int GetAcl(String path, std::vector<AclEntry>& acl) const;
   // Replaces the node's ACL; needs ZOO_PERM_ADMIN on the node.
   int SetAcl(String path, const ACL_vector& acl) const;
@@ -234,8 +236,9 @@ class Connection : public ObservableImpl<ConnectionObserver> {
   // or that belongs to an expired session counts as removed.
   int RemoveWatches(std::vector<WatchHandle>& handles) const;
 
-  // Test seam: when set, every node operation first asks `injector`; a code
-  // it returns is the operation's result and nothing is sent.
+  // Test seam: when set, every node operation but GetAcl and SetAcl first
+  // asks `injector`; a code it returns is the operation's result and nothing
+  // is sent.
   enum class Operation { Create, Set, Get, Exists, GetChildren, Delete };
   using FaultInjector = std::function<std::optional<int>(Operation op, const String& path)>;
   void SetFaultInjector(FaultInjector injector);
