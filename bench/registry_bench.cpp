@@ -2,6 +2,8 @@
 // ZooKeeper requests made directly through the C client, each pair measured
 // side by side and interleaved, medians reported:
 // - registering a Service of a type without leftovers, and its teardown;
+//   the same over a connection with credentials (owner-only ACLs) against
+//   one without;
 // - listing 1,000 and 10,000 live instances;
 // - the cleanup of 1,000 crashed instances' leftovers, against a recursive
 //   delete that lists and deletes one node at a time, and one leftover's
@@ -85,25 +87,49 @@ std::array<double, 2> RawRegistration(const RawClient& raw, const std::string& t
   return {Seconds(registered - start), Seconds(end - registered)};
 }
 
+// Registers an instance of `type` over `conn` and tears it down: the seconds of each.
+std::array<double, 2> ServiceRegistration(const std::shared_ptr<Connection>& conn,
+                                          const std::string& type) {
+  const auto start = Clock::now();
+  auto service = std::make_shared<Service>(conn, type, "bench");
+  const auto registered = Clock::now();
+  service.reset();
+  return {Seconds(registered - start), Seconds(Clock::now() - registered)};
+}
+
 void BenchRegistration(const std::shared_ptr<Connection>& conn, const RawClient& raw,
                        const std::string& type, int rounds, std::vector<Row>& rows) {
   Progress("registration and teardown, %d rounds", rounds);
   auto samples = Interleave(
-      rounds, rounds / 10 + 2,
-      [&] {
-        const auto start = Clock::now();
-        auto service = std::make_shared<Service>(conn, type, "bench");
-        const auto registered = Clock::now();
-        service.reset();
-        return std::array<double, 2>{Seconds(registered - start),
-                                     Seconds(Clock::now() - registered)};
-      },
+      rounds, rounds / 10 + 2, [&] { return ServiceRegistration(conn, type); },
       [&] { return RawRegistration(raw, type); });
   const double reg = Median(samples.korvel, 0) * 1e3, down = Median(samples.korvel, 1) * 1e3;
   rows.push_back({"registration (9 requests)", reg, Median(samples.floor, 0) * 1e3, "ms",
                   RatioAtMost(1.10), 1e3 / reg, "/s"});
   rows.push_back({"teardown (4 round trips)", down, Median(samples.floor, 1) * 1e3, "ms",
                   RatioAtMost(1.10), 1e3 / down, "/s"});
+}
+
+// The same with credentials, against korvel without: the price of the owner's
+// ACL on every node and of the check of the type's directories' ACLs.
+void BenchRegistrationWithCredentials(const std::string& hosts,
+                                      const std::shared_ptr<Connection>& conn,
+                                      const std::string& type, int rounds, std::vector<Row>& rows) {
+  Progress("registration and teardown with credentials, %d rounds", rounds);
+  const auto owner =
+      std::make_shared<Connection>(hosts, 10s, qx::korvel::Credentials{"bench", "bench-secret"});
+  const std::string open = type + "-open", locked = type + "-locked";
+  auto samples = Interleave(
+      rounds, rounds / 10 + 2, [&] { return ServiceRegistration(owner, locked); },
+      [&] { return ServiceRegistration(conn, open); });
+  const double reg = Median(samples.korvel, 0) * 1e3, down = Median(samples.korvel, 1) * 1e3;
+  const char* note = "floor: korvel without credentials";
+  rows.push_back({"registration with credentials", reg, Median(samples.floor, 0) * 1e3, "ms",
+                  RatioAtMost(1.05), 1e3 / reg, "/s", note});
+  rows.push_back({"teardown with credentials", down, Median(samples.floor, 1) * 1e3, "ms",
+                  RatioAtMost(1.05), 1e3 / down, "/s", note});
+  qx::korvel::RecursiveDeleteAll(*owner, {tree::DataDir(locked), tree::AliveDir(locked)});
+  qx::korvel::RecursiveDeleteAll(*conn, {tree::DataDir(open), tree::AliveDir(open)});
 }
 
 // ---- Listing live instances ---------------------------------------------------
@@ -371,12 +397,15 @@ int main(int argc, char** argv) {
   auto conn = std::make_shared<Connection>(args.hosts, 10s);
   const RawClient raw(args.hosts);
   const std::string base = UniqueType();
-  // --only SECTION runs one section (registration, list, cleanup, subtree,
-  // attributes), for profiling.
+  // --only SECTION runs one section (registration, credentials, list, cleanup,
+  // subtree, attributes), for profiling.
   const std::string only = args.Option("only", "");
   const auto wanted = [&](const char* section) { return only.empty() || only == section; };
   std::vector<Row> rows;
   if (wanted("registration")) BenchRegistration(conn, raw, base + "-reg", rounds, rows);
+  if (wanted("credentials")) {
+    BenchRegistrationWithCredentials(args.hosts, conn, base + "-cred", rounds, rows);
+  }
   if (wanted("list")) {
     BenchList(conn, raw, base + "-list1k", args.quick ? 100 : 1000, rounds / 4, rows);
     BenchList(conn, raw, base + "-list10k", args.quick ? 1000 : 10000, rounds / 10, rows);

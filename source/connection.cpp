@@ -1,10 +1,14 @@
 #include "korvel/connection_v2.h"
 
+#include <algorithm>
 #include <atomic>
 #include <thread>
 #include <utility>
 
+#include <boost/uuid/detail/sha1.hpp>
+
 #include "client_log.h"
+#include "korvel/error.h"
 #include "metrics_counters.h"
 #include "pipeline.h"
 #include "session_keeper.h"
@@ -99,6 +103,45 @@ GetResult ReadValue(zhandle_t* zh, const String& path, String& data, watcher_fn 
   return {rc, watchSet};
 }
 
+// Standard base64 with padding, as the server's digest ids use it.
+String Base64(const unsigned char* bytes, std::size_t size) {
+  static const char kDigits[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+  String text;
+  for (std::size_t i = 0; i < size; i += 3) {
+    const std::size_t n = std::min<std::size_t>(3, size - i);
+    unsigned int group = 0;
+    for (std::size_t k = 0; k < 3; ++k) group = group << 8 | (k < n ? bytes[i + k] : 0);
+    for (std::size_t k = 0; k < 4; ++k) {
+      text.push_back(k <= n ? kDigits[(group >> (18 - 6 * k)) & 63] : '=');
+    }
+  }
+  return text;
+}
+
+const Credentials& Checked(const Credentials& credentials) {
+  if (credentials.user.empty() || credentials.user.find(':') != String::npos) {
+    throw KorvelError("Invalid ZooKeeper credentials");
+  }
+  return credentials;
+}
+
+}  // namespace
+
+String DigestId(const Credentials& credentials) {
+  const String secret = credentials.user + ":" + credentials.password;
+  boost::uuids::detail::sha1 sha1;
+  sha1.process_bytes(secret.data(), secret.size());
+  boost::uuids::detail::sha1::digest_type words;
+  sha1.get_digest(words);
+  unsigned char bytes[20];
+  for (int i = 0; i < 20; ++i) {
+    bytes[i] = static_cast<unsigned char>(words[i / 4] >> (24 - 8 * (i % 4)));  // big-endian
+  }
+  return credentials.user + ":" + Base64(bytes, sizeof bytes);
+}
+
+namespace {
+
 void AppendNames(const String_vector& names, std::vector<String>& out) {
   out.reserve(out.size() + static_cast<std::size_t>(names.count));
   for (int i = 0; i < names.count; ++i) out.emplace_back(names.data[i]);
@@ -108,10 +151,19 @@ void AppendNames(const String_vector& names, std::vector<String>& out) {
 
 class Connection::Impl {
  public:
-  Impl(Connection& self, String hosts, std::chrono::milliseconds timeout)
+  Impl(Connection& self, String hosts, std::chrono::milliseconds timeout,
+       std::optional<Credentials> credentials)
       : m_self(self),
-        m_sessions(std::move(hosts), timeout, m_watches,
+        m_user(credentials ? credentials->user : String()),
+        m_ownerId(credentials ? DigestId(*credentials) : String()),
+        m_ownerAcl{{ZOO_PERM_ALL, {const_cast<char*>("digest"), m_ownerId.data()}},
+                   {ZOO_PERM_READ, {const_cast<char*>("world"), const_cast<char*>("anyone")}}},
+        m_nodeAcl(credentials ? ACL_vector{2, m_ownerAcl} : ZOO_OPEN_ACL_UNSAFE),
+        m_sessions(std::move(hosts), timeout, std::move(credentials), m_watches,
                    [this](int state, const String& path) { NotifyObservers(state, path); }) {}
+
+  const String& User() const { return m_user; }
+  const ACL_vector& NodeAcl() const { return m_nodeAcl; }
 
   SessionKeeper& Sessions() { return m_sessions; }
   WatchRegistry& Watches() { return m_watches; }
@@ -206,6 +258,10 @@ class Connection::Impl {
   }
 
   Connection& m_self;
+  const String m_user;
+  String m_ownerId;   // the identity's digest id; m_ownerAcl points into it
+  ACL m_ownerAcl[2];  // the identity: all rights; anyone: read
+  const ACL_vector m_nodeAcl;
   std::atomic<bool> m_hasInjector{false};
   mutable std::mutex m_injectorMutex;
   FaultInjector m_injector;
@@ -214,7 +270,14 @@ class Connection::Impl {
 };
 
 Connection::Connection(String hosts, std::chrono::milliseconds sessionTimeout)
-    : m_impl(std::make_unique<Impl>(*this, std::move(hosts), sessionTimeout)) {
+    : m_impl(std::make_unique<Impl>(*this, std::move(hosts), sessionTimeout, std::nullopt)) {
+  m_impl->Sessions().Connect(sessionTimeout);
+}
+
+Connection::Connection(String hosts, std::chrono::milliseconds sessionTimeout,
+                       Credentials credentials)
+    : m_impl(
+          std::make_unique<Impl>(*this, std::move(hosts), sessionTimeout, Checked(credentials))) {
   m_impl->Sessions().Connect(sessionTimeout);
 }
 
@@ -237,6 +300,14 @@ clientid_t Connection::ClientId() const {
 
 std::chrono::milliseconds Connection::SessionTimeout() const {
   return std::chrono::milliseconds(zoo_recv_timeout(m_impl->Current()->zh));
+}
+
+const String& Connection::User() const {
+  return m_impl->User();
+}
+
+const ACL_vector& Connection::NodeAcl() const {
+  return m_impl->NodeAcl();
 }
 
 int Connection::State() const {
@@ -333,6 +404,27 @@ int Connection::Delete(String path, int version) const {
   }
   return CountRequest(RequestKind::kDelete,
                       zoo_delete(m_impl->Current()->zh, path.c_str(), version));
+}
+
+int Connection::GetAcl(String path, std::vector<AclEntry>& acl) const {
+  if (UnsendablePath(path)) return ZBADARGUMENTS;
+  ACL_vector entries{};
+  Stat stat{};
+  const int rc = zoo_get_acl(m_impl->Current()->zh, path.c_str(), &entries, &stat);
+  if (rc == ZOK) {
+    acl.clear();
+    for (int i = 0; i < entries.count; ++i) {
+      const ACL& entry = entries.data[i];
+      acl.push_back({entry.perms, entry.id.scheme, entry.id.id});
+    }
+  }
+  deallocate_ACL_vector(&entries);
+  return rc;
+}
+
+int Connection::SetAcl(String path, const ACL_vector& acl) const {
+  if (UnsendablePath(path)) return ZBADARGUMENTS;
+  return zoo_set_acl(m_impl->Current()->zh, path.c_str(), -1, &acl);
 }
 
 std::vector<int> Connection::CreateAll(const std::vector<CreateRequest>& requests,

@@ -7,6 +7,7 @@
 #include <cstring>
 #include <ctime>
 #include <fstream>
+#include <mutex>
 #include <unordered_set>
 
 #include <boost/algorithm/string/trim.hpp>
@@ -44,6 +45,28 @@ using logging::QXLOG_DEBUG;
 using logging::QXLOG_ERROR;
 using logging::QXLOG_INFO;
 using logging::QXLOG_WARNING;
+
+// The types whose directories were seen protected for an identity, as its
+// digest id + "/" + type: their ACLs are read once per process, not at every
+// registration. An open type is never recorded, so it is reported each time.
+class ProtectedTypes {
+ public:
+  bool Contains(const String& key) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_keys.count(key) != 0;
+  }
+  void Add(String key) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_keys.insert(std::move(key));
+  }
+
+ private:
+  std::mutex m_mutex;
+  std::unordered_set<String> m_keys;
+};
+
+// Never destroyed: registrations may run on the client's threads at exit.
+ProtectedTypes& g_protectedTypes = *new ProtectedTypes;
 
 // Runs a registration and counts how it ended.
 template <typename Register>
@@ -130,13 +153,14 @@ void Service::Register() {
   const String uuidStr = uuid::to_string(m_uuid);
   QXLOG(g_log, QXLOG_INFO) << "Initializing Korvel Service: " << uuidStr;
 
+  if (!m_conn->User().empty()) CheckTypeAcl(stype);
   // The liveness node stands before the cleanup looks for data nodes without
   // one, so that this instance's own data node is never taken for a leftover.
   SetPath(m_alive, tree::AlivePath(stype, m_uuid));
-  EnsurePath(*m_conn, m_alive, true, ZOO_OPEN_ACL_UNSAFE);
+  EnsurePath(*m_conn, m_alive, true, m_conn->NodeAcl());
   CleanupCrashedApps(stype);
   SetPath(m_root, tree::DataPath(stype, m_uuid));
-  EnsurePath(*m_conn, m_root, false, ZOO_OPEN_ACL_UNSAFE);
+  EnsurePath(*m_conn, m_root, false, m_conn->NodeAcl());
 
   CreateOrSet(tree::OwnAttributePath(m_root, tree::kStatus), StatusToString(DOWN));
   if (!m_name.empty()) CreateOrSet(tree::OwnAttributePath(m_root, tree::kServiceName), m_name);
@@ -197,8 +221,43 @@ void Service::Register() {
   if (!version.empty()) CreateOrSet(tree::OwnAttributePath(m_root, tree::kVersion), version);
 }
 
+void Service::CheckTypeAcl(const String& stype) {
+  const ACL& owner = m_conn->NodeAcl().data[0];
+  String key = String(owner.id.id) + "/" + stype;
+  if (g_protectedTypes.Contains(key)) return;
+  bool open = false, missing = false;
+  for (const String& dir : {tree::AliveDir(stype), tree::DataDir(stype)}) {
+    std::vector<AclEntry> acl;
+    if (m_conn->GetAcl(dir, acl) != ZOK) {
+      missing = true;  // made below, with the owner's ACL
+      continue;
+    }
+    bool mayCreate = false;
+    for (const AclEntry& entry : acl) {
+      if ((entry.perms & ZOO_PERM_CREATE) == 0) continue;
+      const bool anyone = entry.scheme == "world" && entry.id == "anyone";
+      open = open || anyone;
+      mayCreate =
+          mayCreate || anyone || (entry.scheme == owner.id.scheme && entry.id == owner.id.id);
+    }
+    if (!mayCreate) {
+      QXLOG(g_log, QXLOG_ERROR) << "Not authorized to register type '" << stype << "' as '"
+                                << m_conn->User() << "': '" << dir
+                                << "' belongs to another identity (or the password is wrong)";
+      throw KorvelError("Not authorized to register: the type belongs to another identity");
+    }
+  }
+  if (!open && !missing) g_protectedTypes.Add(std::move(key));
+  if (open) {
+    QXLOG(g_log, QXLOG_WARNING) << "Type '" << stype
+                                << "' is open to every client of ZooKeeper; protect it with "
+                                   "'korvel acl lock "
+                                << stype << "'";
+  }
+}
+
 void Service::CreateOrSet(const String& path, const String& value) {
-  int rc = m_conn->Create(path, value, ZOO_OPEN_ACL_UNSAFE, ZOO_EPHEMERAL, nullptr);
+  int rc = m_conn->Create(path, value, m_conn->NodeAcl(), ZOO_EPHEMERAL, nullptr);
   if (rc == ZNODEEXISTS) {
     rc = m_conn->Set(path, value, -1);
     if (rc == ZNONODE) {
@@ -236,8 +295,8 @@ void Service::SetChildAttribute(String childPath, String attribute, String value
   // Update first: an attribute that exists costs one request.
   int result = m_conn->Set(attrPath, value, -1);
   if (result == ZNONODE) {
-    if (!own) EnsurePath(*m_conn, node, false, ZOO_OPEN_ACL_UNSAFE);
-    result = m_conn->Create(attrPath, value, ZOO_OPEN_ACL_UNSAFE, 0, nullptr);
+    if (!own) EnsurePath(*m_conn, node, false, m_conn->NodeAcl());
+    result = m_conn->Create(attrPath, value, m_conn->NodeAcl(), 0, nullptr);
   }
   if (result == ZOK) return;
   QXLOG(g_log, QXLOG_ERROR) << "Failed to create node: " << zerror(result);
@@ -291,7 +350,7 @@ void Service::CleanupCrashedApps(String stype) {
 
 OldServiceWatcher::OldServiceWatcher(std::shared_ptr<Connection> conn, const String& name)
     : m_conn(std::move(conn)), m_name(NormalizePath(name)) {
-  EnsurePath(*m_conn, tree::AliveDir(m_name), false, ZOO_OPEN_ACL_UNSAFE);
+  EnsurePath(*m_conn, tree::AliveDir(m_name), false, m_conn->NodeAcl());
 }
 
 std::tuple<int, std::vector<ServiceId>> OldServiceWatcher::List() const {

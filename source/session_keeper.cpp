@@ -36,9 +36,11 @@ const char* StateName(int state) {
 }  // namespace
 
 Connection::SessionKeeper::SessionKeeper(String hosts, std::chrono::milliseconds timeout,
+                                         std::optional<Credentials> credentials,
                                          WatchRegistry& watches, Notify notify)
     : m_hosts(std::move(hosts)),
       m_timeoutMs(static_cast<int>(timeout.count())),
+      m_credentials(std::move(credentials)),
       m_watches(watches),
       m_notify(std::move(notify)),
       m_worker([this] { RunWorker(); }) {}
@@ -48,6 +50,7 @@ Connection::SessionKeeper::~SessionKeeper() {
   {
     std::lock_guard<std::mutex> lock(m_sessionMutex);
     m_closing = true;
+    m_connectedCv.notify_all();  // ends an event thread's wait for the authentication
     last = std::move(m_current);
     if (std::exchange(m_countedConnected, false)) details::CountConnected(-1);
   }
@@ -67,11 +70,13 @@ void Connection::SessionKeeper::Connect(std::chrono::milliseconds timeout) {
     QXLOG(g_log, QXLOG_ERROR) << "Invalid ZooKeeper connect string '" << m_hosts << "'";
     throw KorvelError("Invalid ZooKeeper connect string");
   }
-  if (!m_connectedCv.wait_for(lock, timeout, [this] { return m_current->connected; })) {
+  const auto ready = [this] { return m_current->connected && m_current->authAnswered; };
+  if (!m_connectedCv.wait_for(lock, timeout, ready)) {
     QXLOG(g_log, QXLOG_ERROR) << "Failed to connect to ZooKeeper at '" << m_hosts << "' within "
                               << timeout.count() << " ms";
     throw KorvelError("Failed to connect to ZooKeeper");
   }
+  if (!m_current->authenticated) throw KorvelError("ZooKeeper authentication failed");
 }
 
 std::shared_ptr<Connection::SessionKeeper::Session> Connection::SessionKeeper::Current() const {
@@ -84,11 +89,24 @@ std::shared_ptr<Connection::SessionKeeper::Session> Connection::SessionKeeper::C
 std::shared_ptr<Connection::SessionKeeper::Session> Connection::SessionKeeper::Open() {
   details::RouteClientLogging();
   auto* session = new Session{this};
+  session->authAnswered = session->authenticated = !m_credentials;
   session->zh = zookeeper_init2(m_hosts.c_str(), &SessionKeeper::OnSessionWatch, m_timeoutMs,
                                 nullptr, session, 0, &details::ClientLogCallback);
   if (session->zh == nullptr) {
     delete session;
     return nullptr;
+  }
+  // Added before anyone can send on the session: the client sends it first on
+  // every connection of the session, ahead of every request.
+  if (m_credentials) {
+    const String secret = m_credentials->user + ":" + m_credentials->password;
+    const int rc = zoo_add_auth(session->zh, "digest", secret.data(),
+                                static_cast<int>(secret.size()), &OnAuthenticated, session);
+    if (rc != ZOK) {
+      QXLOG(g_log, QXLOG_ERROR) << "Failed to authenticate as '" << m_credentials->user
+                                << "': " << zerror(rc);
+      session->authAnswered = true;
+    }
   }
   return std::shared_ptr<Session>(session, [this](Session* s) { Retire(s); });
 }
@@ -152,6 +170,38 @@ void Connection::SessionKeeper::OnSessionWatch(zhandle_t*, int type, int state, 
   session->keeper->OnSessionEvent(*session, state, path ? path : "");
 }
 
+// Runs on the client's I/O thread, which must not be held up: it only
+// records the answer for the event thread that waits for it.
+void Connection::SessionKeeper::OnAuthenticated(int rc, const void* context) {
+  auto& session = *static_cast<Session*>(const_cast<void*>(context));
+  SessionKeeper& keeper = *session.keeper;
+  {
+    std::lock_guard<std::mutex> lock(keeper.m_sessionMutex);
+    // The client may answer again on each reconnection of the session.
+    if (session.authAnswered) return;
+    session.authAnswered = true;
+    session.authenticated = rc == ZOK;
+  }
+  keeper.m_connectedCv.notify_all();
+  if (rc == ZOK) {
+    QXLOG(g_log, QXLOG_INFO) << "ZooKeeper session authenticated as '" << keeper.m_credentials->user
+                             << "'";
+  } else {
+    QXLOG(g_log, QXLOG_ERROR) << "ZooKeeper authentication failed for user '"
+                              << keeper.m_credentials->user << "': " << zerror(rc);
+  }
+}
+
+// Waits on the event thread (the answer comes on the I/O thread) until the
+// server has answered the session's authentication, at most a session timeout.
+// True when it accepted it.
+bool Connection::SessionKeeper::AwaitAuthentication(Session& session) {
+  std::unique_lock<std::mutex> lock(m_sessionMutex);
+  m_connectedCv.wait_for(lock, std::chrono::milliseconds(m_timeoutMs),
+                         [&] { return session.authAnswered || m_closing; });
+  return session.authenticated;
+}
+
 void Connection::SessionKeeper::OnSessionEvent(Session& session, int state, const String& path) {
   bool current;
   clientid_t id{};
@@ -168,6 +218,9 @@ void Connection::SessionKeeper::OnSessionEvent(Session& session, int state, cons
   }
   CountState(session, state);
   if (!current) return;
+  // Observers hear of a connected session only once it is authenticated, so
+  // that nothing they do runs without the identity.
+  if (state == ZOO_CONNECTED_STATE && !AwaitAuthentication(session)) return;
 
   if (state == ZOO_EXPIRED_SESSION_STATE) m_watches.Expire(&session);
   m_notify(state, path);

@@ -10,6 +10,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <thread>
 
 #include "korvel/connection_v2.h"
@@ -18,8 +19,11 @@ namespace qx::korvel {
 
 // Opens the first session and waits until it is connected, logs each state
 // the current session reaches, passes it on, and replaces an expired session
-// by a new one. A handle is closed on the keeper's worker thread once its last
-// user lets it go, never on one of the client's threads.
+// by a new one. With credentials, each session authenticates before anything
+// else is sent on it, and its connected state is passed on only once the
+// server has answered the authentication. A handle is closed on the keeper's
+// worker thread once its last user lets it go, never on one of the client's
+// threads.
 class Connection::SessionKeeper {
  public:
   // One C-client handle. It is the handle's context, so callbacks find their
@@ -28,19 +32,23 @@ class Connection::SessionKeeper {
     SessionKeeper* keeper;
     zhandle_t* zh = nullptr;
     bool connected = false;  // guarded by m_sessionMutex
+    // Without credentials both are true from the start; guarded by m_sessionMutex.
+    bool authAnswered = false;
+    bool authenticated = false;
   };
   // Called on the event thread with each state of the current session, after
   // an expiry has been delivered to the session's pending watches.
   using Notify = std::function<void(int state, const String& path)>;
 
-  SessionKeeper(String hosts, std::chrono::milliseconds timeout, WatchRegistry& watches,
-                Notify notify);
+  SessionKeeper(String hosts, std::chrono::milliseconds timeout,
+                std::optional<Credentials> credentials, WatchRegistry& watches, Notify notify);
   // Closes the current session and waits until every session is closed.
   ~SessionKeeper();
   SessionKeeper(const SessionKeeper&) = delete;
   SessionKeeper& operator=(const SessionKeeper&) = delete;
 
-  // Opens the first session and waits until it is connected. Throws KorvelError.
+  // Opens the first session and waits until it is connected (and
+  // authenticated). Throws KorvelError.
   void Connect(std::chrono::milliseconds timeout);
   std::shared_ptr<Session> Current() const;
   // Stops all dispatch to the owner, which is going away before this does.
@@ -55,11 +63,14 @@ class Connection::SessionKeeper {
   void RunWorker();
   void Reopen(const Session* expired);
   static void OnSessionWatch(zhandle_t*, int type, int state, const char* path, void* context);
+  static void OnAuthenticated(int rc, const void* context);
+  bool AwaitAuthentication(Session& session);
   void OnSessionEvent(Session& session, int state, const String& path);
   void CountState(Session& session, int state);
 
   const String m_hosts;
   const int m_timeoutMs;
+  const std::optional<Credentials> m_credentials;
   WatchRegistry& m_watches;
   const Notify m_notify;
 

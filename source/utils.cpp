@@ -3,6 +3,7 @@
 #include <thread>
 
 #include "korvel/error.h"
+#include "korvel/tree.h"
 #include "logger/logger.h"
 
 namespace qx::korvel {
@@ -38,18 +39,28 @@ void RequireAbsolute(const String& path, bool allowRoot) {
   throw KorvelError("Failed to ensure path");
 }
 
+bool IsRegistryRoot(const String& path) {
+  return path == tree::kDataRoot || path == tree::kAliveRoot;
+}
+
 // Creates the node, and its missing ancestors when the parent is missing.
+// The registry's roots among them are made open, so that any identity can add
+// a type below them.
 int CreateWithAncestors(const Connection& conn, const String& path, int flags,
                         const ACL_vector& acl) {
   int rc = conn.Create(path, String(), acl, flags, nullptr);
   if (rc != ZNONODE) return rc;
+  std::vector<Connection::CreateRequest> roots;
   std::vector<Connection::CreateRequest> levels;
   for (std::size_t slash = path.find('/', 1); slash != String::npos;
        slash = path.find('/', slash + 1)) {
-    levels.push_back({path.substr(0, slash), String(), 0});
+    String level = path.substr(0, slash);
+    (IsRegistryRoot(level) ? roots : levels).push_back({std::move(level), String(), 0});
   }
   levels.push_back({path, String(), flags});
-  const std::vector<int> results = conn.CreateAll(levels, acl);
+  std::vector<int> results = conn.CreateAll(roots, ZOO_OPEN_ACL_UNSAFE);
+  const std::vector<int> below = conn.CreateAll(levels, acl);
+  results.insert(results.end(), below.begin(), below.end());
   for (std::size_t i = 0; i + 1 < results.size(); ++i) {
     if (results[i] != ZOK && results[i] != ZNODEEXISTS) return results[i];
   }

@@ -40,6 +40,24 @@
 
 namespace qx::korvel {
 
+// An identity of ZooKeeper's digest scheme. The user name may be logged; the
+// password never leaves the Connection except to the server.
+struct Credentials {
+  String user;  // not empty, no ':'
+  String password;
+};
+
+// The digest scheme's id of an identity, "user:" + base64(sha1("user:password")):
+// what an ACL entry names and what a server's superDigest option takes.
+String DigestId(const Credentials& credentials);
+
+// One entry of a node's ACL as the server reports it.
+struct AclEntry {
+  int perms;      // ZOO_PERM_* bits
+  String scheme;  // "world", "digest", ...
+  String id;      // "anyone", "user:base64(sha1(user:password))", ...
+};
+
 // A watch callback: ZooKeeper event type, session state, path of the node.
 using WatchFunction = std::function<void(int type, int state, std::string path)>;
 
@@ -114,6 +132,18 @@ class Connection : public ObservableImpl<ConnectionObserver> {
   // `sessionTimeout`, or "Invalid ZooKeeper connect string" for a string the
   // client refuses. The server may clamp the timeout to its own bounds.
   Connection(String hosts, std::chrono::milliseconds sessionTimeout);
+  // The same, and every session it opens (the first and each one after an
+  // expiry) authenticates as `credentials` before observers hear that it is
+  // connected, so nothing they do runs unauthenticated. Nodes that korvel
+  // makes over it then get NodeAcl(). The connection keeps its own copy for
+  // new sessions and sends the password to the server only; the caller's may
+  // go at once. May be called from any thread.
+  // Throws as above, KorvelError "Invalid ZooKeeper credentials" for an empty
+  // user or one with ':', and "ZooKeeper authentication failed" (the user
+  // named in an ERROR record) when the server refuses them. Note that with the digest scheme
+  // a wrong password is not refused here: the session then simply has
+  // another identity, and writes to the owner's nodes fail with ZNOAUTH.
+  Connection(String hosts, std::chrono::milliseconds sessionTimeout, Credentials credentials);
   // Closes the session: its ephemeral nodes vanish at once, pending watches
   // are dropped without being called. Never throws.
   ~Connection() override;
@@ -126,6 +156,12 @@ class Connection : public ObservableImpl<ConnectionObserver> {
   std::chrono::milliseconds SessionTimeout() const;
   // The current session's state (ZOO_CONNECTED_STATE, ZOO_CONNECTING_STATE, ...).
   int State() const;
+  // The user of the credentials; empty without credentials.
+  const String& User() const;
+  // The ACL for the nodes korvel makes below the registry's roots: without
+  // credentials ZOO_OPEN_ACL_UNSAFE; with them all rights for the identity
+  // and read for everyone. Lives as long as the connection.
+  const ACL_vector& NodeAcl() const;
   // True on a thread that is running a watch callback or a session observer
   // of any Connection: such a thread must not wait for anything that needs
   // further callbacks, since it is the one that would deliver them.
@@ -157,6 +193,12 @@ class Connection : public ObservableImpl<ConnectionObserver> {
   std::pair<int, WatchHandle> GetChildren(String path, std::vector<String>& children,
                                           WatchFunction watch) const;
   int Delete(String path, int version) const;
+  // Reads the node's ACL into `acl` (replacing its contents). The server
+  // shows a digest's hash only to a client with admin rights on the node
+  // ("user:x" to others). Neither ACL operation is counted in the metrics.
+  int GetAcl(String path, std::vector<AclEntry>& acl) const;
+  // Replaces the node's ACL; needs ZOO_PERM_ADMIN on the node.
+  int SetAcl(String path, const ACL_vector& acl) const;
 
   // Pipelined operations: all requests are in flight at once, so a batch costs
   // about one round trip instead of one per request. Called from the event
@@ -194,8 +236,9 @@ class Connection : public ObservableImpl<ConnectionObserver> {
   // or that belongs to an expired session counts as removed.
   int RemoveWatches(std::vector<WatchHandle>& handles) const;
 
-  // Test seam: when set, every node operation first asks `injector`; a code
-  // it returns is the operation's result and nothing is sent.
+  // Test seam: when set, every node operation but GetAcl and SetAcl first
+  // asks `injector`; a code it returns is the operation's result and nothing
+  // is sent.
   enum class Operation { Create, Set, Get, Exists, GetChildren, Delete };
   using FaultInjector = std::function<std::optional<int>(Operation op, const String& path)>;
   void SetFaultInjector(FaultInjector injector);

@@ -7,6 +7,9 @@
 // are its own attributes and its per-child records. <id> is the instance's
 // ServiceId in its 36-character text form.
 //
+// Over a Connection with credentials, every node made here gets the
+// connection's NodeAcl(): only that identity may change the type's trees.
+//
 // The liveness node and the instance's own attributes are ephemeral: they
 // vanish with the session that made them. The data node and the per-child
 // records are persistent; a crashed instance's data node is removed by the
@@ -42,7 +45,9 @@ class Service : public std::enable_shared_from_this<Service>, public ConnectionO
   // and the data node, and publishes status "down", the name, host name,
   // process id, start time, recipe name and version. Throws KorvelError when
   // the type is "alive" or below it ("alive/x") or a step fails; what was
-  // created stays.
+  // created stays. With credentials, throws KorvelError "Not authorized to
+  // register: the type belongs to another identity" before creating anything
+  // when the type's directories do not let this identity create below them.
   Service(std::shared_ptr<Connection> conn, String stype, String serviceName);
   // The same under the given identity.
   Service(std::shared_ptr<Connection> conn, String stype, ServiceId uuid, String serviceName);
@@ -94,6 +99,10 @@ class Service : public std::enable_shared_from_this<Service>, public ConnectionO
   // Registers, again when the session changed meanwhile (up to 3 times).
   void Init();
   void Register();
+  // With credentials: throws KorvelError when the type's directories belong
+  // to another identity, and logs a warning when they are open to anyone.
+  // Once they were found the identity's, they are not read again.
+  void CheckTypeAcl(const String& stype);
   void CreateOrSet(const String& path, const String& value);
   void SetStatusInternal(Status status, String path);
 

@@ -16,7 +16,8 @@ namespace qx::korvel {
 String NormalizePath(String path);
 
 // Makes sure that every node of the absolute `path` exists, creating the
-// missing ones with `acl`; an existing node is no error and keeps its kind.
+// missing ones with `acl` (but the registry's roots /srv and /srv/alive with
+// ZOO_OPEN_ACL_UNSAFE); an existing node is no error and keeps its kind.
 // With `ephemeral` true the last node is made ephemeral (ancestors are always
 // persistent); if it exists as an ephemeral node of another session (an expired one of ours
 // that the server has not removed yet), waits for it to vanish, up to the

@@ -141,8 +141,17 @@ std::vector<std::string> Concat(std::vector<std::string> head,
   return head;
 }
 
-Result RunKorvel(const std::vector<std::string>& args) {
-  process::ChildProcess child(CliPath(), Concat({"korvel"}, args));
+std::vector<std::string> EnvironmentWith(const std::vector<std::string>& extra) {
+  std::vector<std::string> entries;
+  for (char** entry = environ; *entry != nullptr; ++entry) entries.emplace_back(*entry);
+  return Concat(std::move(entries), extra);
+}
+
+Result RunKorvel(const std::vector<std::string>& args,
+                 const std::vector<std::string>& environment) {
+  process::SpawnOptions options;
+  if (!environment.empty()) options.environment = EnvironmentWith(environment);
+  process::ChildProcess child(CliPath(), Concat({"korvel"}, args), options);
   child.CloseStdin();
   auto code = child.Wait(20s);
   if (!code) {

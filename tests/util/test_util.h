@@ -58,9 +58,13 @@ struct Result {
   std::string out;
   std::string err;
 };
-// Runs `korvel ARGS` (CliPath) with stdin closed until it ends; a command still running after
-// 20 s is a test failure and is killed.
-Result RunKorvel(const std::vector<std::string>& args);
+// Runs `korvel ARGS` (CliPath) with stdin closed until it ends, its environment this process's
+// plus the "NAME=value" entries of `environment`; a command still running after 20 s is a test
+// failure and is killed.
+Result RunKorvel(const std::vector<std::string>& args,
+                 const std::vector<std::string>& environment = {});
+// This process's environment plus the "NAME=value" entries of `extra`.
+std::vector<std::string> EnvironmentWith(const std::vector<std::string>& extra);
 
 // `prefix` followed by a random suffix, for node names no other test uses.
 std::string UniqueName(const std::string& prefix);

@@ -80,10 +80,19 @@ int RunShow(const Settings& settings, const std::string& type, const qx::korvel:
 int RunGet(const Settings& settings, const std::string& type, const qx::korvel::ServiceId& id,
            const std::string& attribute, const std::string& child);
 int RunDemo(const Settings& settings);
+int RunAclShow(const Settings& settings, const std::string& type, bool json);
+int RunAclLock(const Settings& settings, const std::string& type);
+
+// The credentials of the commands: those in `authFile` (its first line, USER:PASSWORD; Failure
+// when others may read the file), else those of KORVEL_ZK_AUTH, else none.
+std::optional<qx::korvel::Credentials> LoadCredentials(const std::string& authFile);
+// Makes every later Connect authenticate with `credentials`; main calls it once, first.
+void UseCredentials(std::optional<qx::korvel::Credentials> credentials);
 
 // Building blocks that the demo shares with the commands.
 
-// A connected session; Failure "cannot connect to ZooKeeper at HOSTS" otherwise.
+// A connected session, with the credentials of UseCredentials; Failure "cannot connect to
+// ZooKeeper at HOSTS" otherwise.
 std::shared_ptr<qx::korvel::Connection> Connect(const std::string& hosts,
                                                 std::chrono::milliseconds sessionTimeout);
 // The live instances of `type` with their own attributes, oldest first (then by name and id),

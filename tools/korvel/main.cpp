@@ -81,6 +81,11 @@ int main(int argc, char** argv) {
                  "KORVEL_LOG_LEVEL, else warning)")
       ->check(CLI::IsMember(kLogLevels))
       ->type_name("LEVEL");
+  std::string authFile;
+  app.add_option("--auth-file", authFile,
+                 "File whose first line is the ZooKeeper digest credentials USER:PASSWORD, "
+                 "readable by its owner only (default: KORVEL_ZK_AUTH, else none)")
+      ->type_name("FILE");
 
   const auto statusCheck =
       Parsable("a status (up, down, up_sending_disabled)", korvel::cli::ParseStatus);
@@ -229,6 +234,19 @@ int main(int argc, char** argv) {
                    "File (mode 600) holding the bearer token that requests must send")
       ->type_name("FILE");
 
+  auto* aclCommand = app.add_subcommand("acl", "Shows or protects who may change a type's nodes.");
+  aclCommand->require_subcommand(1);
+  auto* aclShowCommand = aclCommand->add_subcommand(
+      "show", "Prints the ACL of each node of a type's trees: who may do what.");
+  aclShowCommand->add_option("TYPE", type, "Service type")->required();
+  aclShowCommand->add_flag("--json", json, "Print JSON");
+  auto* aclLockCommand = aclCommand->add_subcommand(
+      "lock", "Gives every node of a type's trees the ACL of the credentials' user.");
+  aclLockCommand->footer(
+      "The user gets all rights, everyone else read only. Needs admin rights on every node: an\n"
+      "open node gives them to anyone; a node of another user needs ZooKeeper's superuser.");
+  aclLockCommand->add_option("TYPE", type, "Service type")->required();
+
   auto* demoCommand = app.add_subcommand(
       "demo", "Runs a tour against a ZooKeeper of its own (started on a free loopback port).");
 
@@ -253,6 +271,7 @@ int main(int argc, char** argv) {
   const auto serviceId = [&id] { return *korvel::cli::ParseServiceId(id); };
 
   try {
+    korvel::cli::UseCredentials(korvel::cli::LoadCredentials(authFile));
     if (*registerCommand) {
       registerOptions.status = *korvel::cli::ParseStatus(status);
       registerOptions.statusGiven = registerCommand->count("--status") > 0;
@@ -276,6 +295,8 @@ int main(int argc, char** argv) {
       serveOptions.cacheIdle = std::chrono::milliseconds(cacheIdleMs);
       return korvel::cli::RunServe(settings, serveOptions);
     }
+    if (*aclShowCommand) return korvel::cli::RunAclShow(settings, type, json);
+    if (*aclLockCommand) return korvel::cli::RunAclLock(settings, type);
     if (*demoCommand) return korvel::cli::RunDemo(settings);
   } catch (const std::exception& e) {
     std::cerr << "korvel: " << e.what() << "\n";

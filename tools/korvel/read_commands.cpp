@@ -29,6 +29,9 @@ namespace tree = qx::korvel::tree;
 // after another, are read together.
 constexpr auto kSettleTime = 100ms;
 
+// Set once by main before any command runs (UseCredentials).
+std::optional<qx::korvel::Credentials> g_credentials;
+
 void Check(int rc, const std::string& what) {
   if (rc != ZOK) throw Failure(what + ": " + zerror(rc));
 }
@@ -218,9 +221,14 @@ int WatchInstances(std::shared_ptr<Connection> conn, const std::string& type, bo
 
 }  // namespace
 
+void UseCredentials(std::optional<qx::korvel::Credentials> credentials) {
+  g_credentials = std::move(credentials);
+}
+
 std::shared_ptr<Connection> Connect(const std::string& hosts,
                                     std::chrono::milliseconds sessionTimeout) {
   try {
+    if (g_credentials) return std::make_shared<Connection>(hosts, sessionTimeout, *g_credentials);
     return std::make_shared<Connection>(hosts, sessionTimeout);
   } catch (const qx::korvel::KorvelError& e) {
     throw Failure("cannot connect to ZooKeeper at " + hosts + " (" + e.what() + ")");

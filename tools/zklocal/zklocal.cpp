@@ -113,8 +113,12 @@ std::string ReadFile(const std::string& path, std::uintmax_t from = 0) {
 
 }  // namespace
 
-ServerProcess::ServerProcess(int serverId, int tickTimeMs, Jit jit)
-    : m_serverId(serverId), m_tickTimeMs(tickTimeMs), m_jit(jit) {
+ServerProcess::ServerProcess(int serverId, int tickTimeMs, Jit jit,
+                             std::vector<std::string> jvmOptions)
+    : m_serverId(serverId),
+      m_tickTimeMs(tickTimeMs),
+      m_jit(jit),
+      m_jvmOptions(std::move(jvmOptions)) {
   if (tickTimeMs <= 0) throw std::invalid_argument("ZooKeeper tickTime must be positive");
   RemoveDirectoriesOfDeadOwners();
   std::string templ = TempDir() + "/" + kDirPrefix + "XXXXXX";
@@ -160,7 +164,7 @@ void ServerProcess::Launch() {
     throw std::logic_error("ZooKeeper server already running on port " + std::to_string(m_port));
   }
   const Installation installation = FindInstallation();
-  const std::vector<std::string> args = {
+  std::vector<std::string> args = {
       installation.java,
       "-Xmx256m",
       "-XX:+UseSerialGC",
@@ -173,12 +177,12 @@ void ServerProcess::Launch() {
       "-Dorg.slf4j.simpleLogger.dateTimeFormat=HH:mm:ss.SSS",
       // Silences one INFO line per four-letter-word probe.
       "-Dorg.slf4j.simpleLogger.log.org.apache.zookeeper.server.NIOServerCnxn=warn",
-      "-cp",
-      installation.classPath,
-      m_serverId == 0 ? "org.apache.zookeeper.server.ZooKeeperServerMain"
-                      : "org.apache.zookeeper.server.quorum.QuorumPeerMain",
-      m_dir + "/zoo.cfg",
   };
+  args.insert(args.end(), m_jvmOptions.begin(), m_jvmOptions.end());
+  args.insert(args.end(), {"-cp", installation.classPath,
+                           m_serverId == 0 ? "org.apache.zookeeper.server.ZooKeeperServerMain"
+                                           : "org.apache.zookeeper.server.quorum.QuorumPeerMain",
+                           m_dir + "/zoo.cfg"});
   std::error_code noLog;
   m_logOffset = fs::file_size(LogPath(), noLog);
   if (noLog) m_logOffset = 0;
@@ -451,8 +455,8 @@ void ExpireSession(const std::string& hosts, const clientid_t& id, milliseconds 
 
 // ---- ZooKeeperServer ----
 
-ZooKeeperServer::ZooKeeperServer(int tickTimeMs, Jit jit)
-    : m_server(std::make_unique<ServerProcess>(0, tickTimeMs, jit)) {
+ZooKeeperServer::ZooKeeperServer(int tickTimeMs, Jit jit, std::vector<std::string> jvmOptions)
+    : m_server(std::make_unique<ServerProcess>(0, tickTimeMs, jit, std::move(jvmOptions))) {
   StartServing({m_server.get()}, kStandaloneStart,
                [this] { m_server->Configure(FreeLoopbackPort(), ""); });
 }

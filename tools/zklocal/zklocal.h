@@ -71,7 +71,9 @@ class ServerProcess {
   enum class State { kStarting, kServing, kExited, kPortTaken };
 
   // Makes the directory (and removes those whose owner has died); launches nothing.
-  ServerProcess(int serverId, int tickTimeMs, Jit jit);
+  // `jvmOptions` are added to the JVM's command line (for example
+  // "-Dzookeeper.DigestAuthenticationProvider.superDigest=USER:HASH" for a superuser).
+  ServerProcess(int serverId, int tickTimeMs, Jit jit, std::vector<std::string> jvmOptions = {});
   ~ServerProcess();  // Stops the server and removes its directory.
   ServerProcess(const ServerProcess&) = delete;
   ServerProcess& operator=(const ServerProcess&) = delete;
@@ -105,6 +107,7 @@ class ServerProcess {
   const int m_serverId;
   const int m_tickTimeMs;
   const Jit m_jit;
+  const std::vector<std::string> m_jvmOptions;
   std::string m_dir;
   int m_port = 0;
   std::unique_ptr<process::ChildProcess> m_process;
@@ -123,7 +126,8 @@ class ZooKeeperServer {
  public:
   // Starts the server and waits (bounded) until it serves; throws std::runtime_error (with the
   // tail of the server log) on failure.
-  explicit ZooKeeperServer(int tickTimeMs = 100, Jit jit = Jit::kQuickStart);
+  explicit ZooKeeperServer(int tickTimeMs = 100, Jit jit = Jit::kQuickStart,
+                           std::vector<std::string> jvmOptions = {});
   ~ZooKeeperServer();  // Stops the server and removes its directory.
   ZooKeeperServer(const ZooKeeperServer&) = delete;
   ZooKeeperServer& operator=(const ZooKeeperServer&) = delete;
