@@ -339,9 +339,9 @@ TEST_F(AclTest, CliAuthFileMustBePrivate) {
   chmod(file.c_str(), 0644);
   const Result shared = Korvel({"--auth-file", file, "acl", "lock", type}, {});
   EXPECT_EQ(1, shared.code);
-  EXPECT_EQ(
-      "korvel: " + file + " is readable by others: make it private (chmod 600 " + file + ")\n",
-      shared.err);
+  EXPECT_EQ("korvel: the credentials file " + file +
+                " is open to its group or to others: make it private (chmod 600 " + file + ")\n",
+            shared.err);
   EXPECT_EQ(kOpenAcl, AclOf(*owner, tree::DataDir(type)));
   chmod(file.c_str(), 0600);
   const Result locked = Korvel({"--auth-file", file, "acl", "lock", type}, {});

@@ -2,8 +2,11 @@
 #include <korvel/tree.h>
 #include <sys/stat.h>
 
+#include <cerrno>
+#include <cstring>
 #include <fstream>
 #include <iostream>
+#include <iterator>
 
 #include "commands.h"
 
@@ -86,20 +89,28 @@ std::optional<Credentials> LoadCredentials(const std::string& authFile) {
     if (text == nullptr || *text == '\0') return std::nullopt;
     return ParseCredentials(text, "KORVEL_ZK_AUTH");
   }
-  struct stat info {};
-  if (stat(authFile.c_str(), &info) != 0) throw Failure("cannot read " + authFile);
-  if ((info.st_mode & (S_IRGRP | S_IROTH)) != 0) {
-    throw Failure(authFile + " is readable by others: make it private (chmod 600 " + authFile +
-                  ")");
+  const std::string text = ReadPrivateFile(authFile, "the credentials file");
+  return ParseCredentials(text.substr(0, text.find('\n')), authFile);
+}
+
+std::string ReadPrivateFile(const std::string& path, const std::string& what) {
+  struct stat status {};
+  if (::stat(path.c_str(), &status) != 0) {
+    throw Failure("cannot read " + what + " " + path + ": " + std::strerror(errno));
   }
-  std::ifstream file(authFile);
-  std::string line;
-  if (!std::getline(file, line)) throw Failure("cannot read " + authFile);
-  return ParseCredentials(line, authFile);
+  if ((status.st_mode & (S_IRWXG | S_IRWXO)) != 0) {
+    throw Failure(what + " " + path +
+                  " is open to its group or to others: make it private (chmod 600 " + path + ")");
+  }
+  std::ifstream file(path, std::ios::binary);
+  if (!file) throw Failure("cannot read " + what + " " + path);
+  std::string text{std::istreambuf_iterator<char>(file), {}};
+  if (file.bad()) throw Failure("cannot read " + what + " " + path);
+  return text;
 }
 
 int RunAclShow(const Settings& settings, const std::string& type, bool json) {
-  const auto conn = Connect(settings.hosts, settings.sessionTimeout);
+  const auto conn = Connect(settings);
   const std::string normal = tree::RegistrableType(type);
   Json nodes = Json::array();
   std::string text;
@@ -133,7 +144,7 @@ int RunAclShow(const Settings& settings, const std::string& type, bool json) {
 }
 
 int RunAclLock(const Settings& settings, const std::string& type) {
-  const auto conn = Connect(settings.hosts, settings.sessionTimeout);
+  const auto conn = Connect(settings);
   if (conn->User().empty()) {
     throw Failure("acl lock needs the owner's credentials: KORVEL_ZK_AUTH or --auth-file");
   }

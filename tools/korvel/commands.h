@@ -29,6 +29,7 @@ struct Failure : std::runtime_error {
 struct Settings {
   std::string hosts;
   std::chrono::milliseconds sessionTimeout;
+  std::optional<qx::korvel::Credentials> credentials;  // none: an anonymous session
 };
 
 // An attribute of a child record: "CHILD:ATTR=VALUE" on the command line and on stdin.
@@ -84,17 +85,17 @@ int RunAclShow(const Settings& settings, const std::string& type, bool json);
 int RunAclLock(const Settings& settings, const std::string& type);
 
 // The credentials of the commands: those in `authFile` (its first line, USER:PASSWORD; Failure
-// when others may read the file), else those of KORVEL_ZK_AUTH, else none.
+// when its group or others may access the file), else those of KORVEL_ZK_AUTH, else none.
 std::optional<qx::korvel::Credentials> LoadCredentials(const std::string& authFile);
-// Makes every later Connect authenticate with `credentials`; main calls it once, first.
-void UseCredentials(std::optional<qx::korvel::Credentials> credentials);
+// The content of a file that holds a secret (`what` names it in errors). Failure when the file
+// cannot be read or its group or others have any permission on it; no error quotes the content.
+std::string ReadPrivateFile(const std::string& path, const std::string& what);
 
 // Building blocks that the demo shares with the commands.
 
-// A connected session, with the credentials of UseCredentials; Failure "cannot connect to
-// ZooKeeper at HOSTS" otherwise.
-std::shared_ptr<qx::korvel::Connection> Connect(const std::string& hosts,
-                                                std::chrono::milliseconds sessionTimeout);
+// A connected session to the settings' hosts, authenticated with their credentials; Failure
+// "cannot connect to ZooKeeper at HOSTS" otherwise.
+std::shared_ptr<qx::korvel::Connection> Connect(const Settings& settings);
 // The live instances of `type` with their own attributes, oldest first (then by name and id),
 // read with all requests in flight together; none when the type has no liveness directory.
 std::vector<InstanceFacts> ReadInstances(const qx::korvel::Connection& conn,

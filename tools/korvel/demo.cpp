@@ -130,7 +130,9 @@ bool IsListed(const qx::korvel::OldServiceWatcher& watcher, const qx::korvel::Se
 
 // The tour against the server at `hosts`; stops its instances on the way out.
 void Tour(const Settings& settings, const std::string& hosts) {
-  const auto conn = Connect(hosts, settings.sessionTimeout);
+  Settings local = settings;
+  local.hosts = hosts;
+  const auto conn = Connect(local);
   const qx::korvel::OldServiceWatcher watcher(conn, kType);
   const auto list = [&] {
     Say(std::string("$ korvel list ") + kType);

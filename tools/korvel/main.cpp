@@ -267,11 +267,11 @@ int main(int argc, char** argv) {
   } else if (!EnvironmentNamesALogLevel()) {
     qx::logging::SetMinimumLoggingLevel(qx::logging::QXLOG_WARNING);
   }
-  const korvel::cli::Settings settings{hosts, std::chrono::milliseconds(sessionTimeoutMs)};
+  korvel::cli::Settings settings{hosts, std::chrono::milliseconds(sessionTimeoutMs), {}};
   const auto serviceId = [&id] { return *korvel::cli::ParseServiceId(id); };
 
   try {
-    korvel::cli::UseCredentials(korvel::cli::LoadCredentials(authFile));
+    settings.credentials = korvel::cli::LoadCredentials(authFile);
     if (*registerCommand) {
       registerOptions.status = *korvel::cli::ParseStatus(status);
       registerOptions.statusGiven = registerCommand->count("--status") > 0;

@@ -29,9 +29,6 @@ namespace tree = qx::korvel::tree;
 // after another, are read together.
 constexpr auto kSettleTime = 100ms;
 
-// Set once by main before any command runs (UseCredentials).
-std::optional<qx::korvel::Credentials> g_credentials;
-
 void Check(int rc, const std::string& what) {
   if (rc != ZOK) throw Failure(what + ": " + zerror(rc));
 }
@@ -221,17 +218,15 @@ int WatchInstances(std::shared_ptr<Connection> conn, const std::string& type, bo
 
 }  // namespace
 
-void UseCredentials(std::optional<qx::korvel::Credentials> credentials) {
-  g_credentials = std::move(credentials);
-}
-
-std::shared_ptr<Connection> Connect(const std::string& hosts,
-                                    std::chrono::milliseconds sessionTimeout) {
+std::shared_ptr<Connection> Connect(const Settings& settings) {
   try {
-    if (g_credentials) return std::make_shared<Connection>(hosts, sessionTimeout, *g_credentials);
-    return std::make_shared<Connection>(hosts, sessionTimeout);
+    if (settings.credentials) {
+      return std::make_shared<Connection>(settings.hosts, settings.sessionTimeout,
+                                          *settings.credentials);
+    }
+    return std::make_shared<Connection>(settings.hosts, settings.sessionTimeout);
   } catch (const qx::korvel::KorvelError& e) {
-    throw Failure("cannot connect to ZooKeeper at " + hosts + " (" + e.what() + ")");
+    throw Failure("cannot connect to ZooKeeper at " + settings.hosts + " (" + e.what() + ")");
   }
 }
 
@@ -318,17 +313,17 @@ int RunList(const Settings& settings, const std::string& type, bool json, bool w
   if (watch) {
     WatchStopSignals();
     RequireServiceType(type);
-    return WatchInstances(Connect(settings.hosts, settings.sessionTimeout), type, json);
+    return WatchInstances(Connect(settings), type, json);
   }
   RequireServiceType(type);
-  const auto conn = Connect(settings.hosts, settings.sessionTimeout);
+  const auto conn = Connect(settings);
   std::cout << FormatInstances(ReadInstances(*conn, type), json);
   return 0;
 }
 
 int RunShow(const Settings& settings, const std::string& type, const ServiceId& id,
             const std::string& child, bool json) {
-  const auto conn = Connect(settings.hosts, settings.sessionTimeout);
+  const auto conn = Connect(settings);
   const auto watcher = WatchInstanceType(conn, type, id);
   const auto stat = child.empty() ? std::nullopt : NodeStat(*conn, type, id, child);
   if (stat && !IsChildRecord(*stat)) {
@@ -341,7 +336,7 @@ int RunShow(const Settings& settings, const std::string& type, const ServiceId& 
 
 int RunGet(const Settings& settings, const std::string& type, const ServiceId& id,
            const std::string& attribute, const std::string& child) {
-  const auto conn = Connect(settings.hosts, settings.sessionTimeout);
+  const auto conn = Connect(settings);
   const auto watcher = WatchInstanceType(conn, type, id);
   const std::string idText = qx::uuid::to_string(id);
   auto [rc, value] = watcher.GetAttribute(id, attribute, child);

@@ -286,7 +286,7 @@ int RunRegister(const Settings& settings, const RegisterOptions& options) {
     throw Failure("cannot watch process " + std::to_string(*options.watchedPid) + ": " +
                   std::strerror(errno));
   }
-  auto conn = Connect(settings.hosts, settings.sessionTimeout);
+  auto conn = Connect(settings);
   std::shared_ptr<Service> service;
   try {
     service = options.id ? std::make_shared<Service>(conn, options.type, *options.id, options.name)

@@ -8,14 +8,8 @@
 #include <logger/logger.h>
 #include <stlext/uuid.h>
 
-#include <sys/stat.h>
-
 #include <boost/asio/ip/address.hpp>
-#include <cerrno>
-#include <cstring>
-#include <fstream>
 #include <iostream>
-#include <iterator>
 #include <mutex>
 #include <thread>
 
@@ -359,17 +353,7 @@ class Api {
 // others may access, an empty token, or one that a header cannot carry.
 std::string ReadTokenFile(const std::string& path) {
   // The errors name the file, never what it holds.
-  struct stat status {};
-  if (::stat(path.c_str(), &status) != 0) {
-    throw Failure("cannot read the token file " + path + ": " + std::strerror(errno));
-  }
-  if ((status.st_mode & (S_IRWXG | S_IRWXO)) != 0) {
-    throw Failure("the token file " + path +
-                  " is open to its group or to others: make it private (chmod 600 " + path + ")");
-  }
-  std::ifstream file(path, std::ios::binary);
-  std::string token{std::istreambuf_iterator<char>(file), {}};
-  if (!file) throw Failure("cannot read the token file " + path);
+  std::string token = ReadPrivateFile(path, "the token file");
   if (!token.empty() && token.back() == '\n') token.pop_back();
   if (!token.empty() && token.back() == '\r') token.pop_back();
   if (token.empty()) throw Failure("the token file " + path + " is empty");
@@ -405,7 +389,7 @@ std::optional<std::pair<std::string, std::uint16_t>> ParseListenAddress(const st
 int RunServe(const Settings& settings, const ServeOptions& options) {
   const std::string token = options.tokenFile.empty() ? "" : ReadTokenFile(options.tokenFile);
   WatchStopSignals();
-  RegistryView registry(Connect(settings.hosts, settings.sessionTimeout), options.cacheIdle);
+  RegistryView registry(Connect(settings), options.cacheIdle);
   HttpMetrics metrics;
   Api api(registry, metrics, token);
   std::unique_ptr<korvel::http::Server> server;
