@@ -2,6 +2,7 @@
 // against a ZooKeeper of its own. Options and dispatch; the commands live in the other files.
 //
 // Exit codes: 0 success, 1 failure (one line on stderr naming it), 2 usage error.
+#include <korvel/version.h>
 #include <logger/logger.h>
 
 #include <CLI/CLI.hpp>
@@ -54,6 +55,7 @@ CLI::Validator Checkable(qx::korvel::HealthCheck (*make)(qx::String, qx::String)
 
 int main(int argc, char** argv) {
   CLI::App app("Announces service instances in Apache ZooKeeper and finds them.", "korvel");
+  app.set_version_flag("--version", std::string("korvel ") + qx::korvel::Version());
   app.require_subcommand(1);
   app.fallthrough();  // the global options may also follow the command
   app.failure_message([](const CLI::App* failed, const CLI::Error& e) {

@@ -5,6 +5,7 @@
 #include <korvel/service.h>
 #include <korvel/tree.h>
 #include <korvel/utils.h>
+#include <korvel/version.h>
 #include <logger/logger.h>
 #include <stlext/uuid.h>
 
@@ -312,7 +313,7 @@ class Api {
     MetricsText out;
     qx::korvel::WriteLibraryMetrics(out);
     out.Declare("korvel_build_info", Type::kGauge, "The korvel version that serves; always 1.");
-    out.Add("korvel_build_info", {{"version", KORVEL_VERSION}}, 1);
+    out.Add("korvel_build_info", {{"version", qx::korvel::Version()}}, 1);
     out.Declare("korvel_types", Type::kGauge, "Service types with a liveness directory.");
     out.Declare("korvel_instances", Type::kGauge, "Live instances by type and status.");
     out.Declare("korvel_cache_stale", Type::kGauge,
