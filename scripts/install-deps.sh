@@ -5,6 +5,7 @@ set -euo pipefail
 
 packages=(
   build-essential cmake pkg-config git
+  help2man  # the man page korvel(1)
   libzookeeper-mt-dev zookeeper
   libboost-dev libcli11-dev nlohmann-json3-dev
   libcpp-httplib-dev  # the HTTP servers of the tests and benchmarks

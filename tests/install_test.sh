@@ -54,8 +54,7 @@ add_executable(consumer consumer.cpp)
 target_link_libraries(consumer PRIVATE korvel::korvel)
 CMAKE
 
-cmake -S "$source_dir/examples" -B "$work/examples" -DCMAKE_PREFIX_PATH="$work/prefix" >/dev/null
-cmake --build "$work/examples" -j2 >/dev/null
+bash "$(dirname "$0")/build_examples.sh" "$source_dir" "$work/prefix" "$work/examples"
 cmake -S "$work/consumer" -B "$work/consumer/build" -DCMAKE_PREFIX_PATH="$work/prefix" >/dev/null
 cmake --build "$work/consumer/build" >/dev/null
 "$work/consumer/build/consumer"

@@ -57,6 +57,7 @@ int main(int argc, char** argv) {
   CLI::App app("Announces service instances in Apache ZooKeeper and finds them.", "korvel");
   app.set_version_flag("--version", std::string("korvel ") + qx::korvel::Version());
   app.require_subcommand(1);
+  app.footer("Each command's options: korvel COMMAND --help.");
   app.fallthrough();  // the global options may also follow the command
   app.failure_message([](const CLI::App* failed, const CLI::Error& e) {
     const auto unexpected = failed->remaining();
