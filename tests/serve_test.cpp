@@ -39,6 +39,7 @@
 #include <vector>
 
 #include "korvel/service.h"
+#include "korvel/version.h"
 #include "process/child_process.h"
 #include "stlext/uuid.h"
 #include "util/prometheus_text.h"
@@ -1275,7 +1276,7 @@ TEST(ServeTest, MetricsAreWellFormedAndCountTheInstances) {
     ASSERT_EQ(1u, samples.size());
     ASSERT_EQ(1u, samples[0].labels.size());
     EXPECT_EQ("version", samples[0].labels[0].first);
-    EXPECT_FALSE(samples[0].labels[0].second.empty());
+    EXPECT_EQ(qx::korvel::Version(), samples[0].labels[0].second);
     EXPECT_EQ(1, samples[0].value);
   }
   // Answers count by handler and code, and their durations by handler.
