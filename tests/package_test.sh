@@ -70,6 +70,8 @@ reported=$(LD_LIBRARY_PATH="$libdir" "$root/usr/bin/korvel" --version)
 test "$reported" = "korvel $version" || fail "korvel --version says '$reported'"
 test "$(PKG_CONFIG_PATH="$libdir/pkgconfig" pkg-config --modversion korvel)" = "$version" ||
   fail "korvel.pc has not version $version"
+grep -qF "set(PACKAGE_VERSION \"$version\")" "$libdir/cmake/korvel/korvelConfigVersion.cmake" ||
+  fail "the CMake package has not version $version"
 echo "unpacked: $reported"
 
 bash "$source_dir/tests/build_examples.sh" "$source_dir" "$root/usr" "$work/examples"
