@@ -825,7 +825,8 @@ void Throughput(const Args& args, ServerProcess& serve, Registrar& registrar,
   const auto duration = std::chrono::milliseconds(args.Int("seconds", 5, 1) * 1000);
   const auto warmup = std::chrono::milliseconds(args.quick ? 300 : 1000);
   const int clientThreads = args.Int("client-threads", 1, 1);
-  const std::string ioThreads = args.Option("io-threads", "1");
+  const std::string ioThreads =
+      args.Option("io-threads", std::to_string(korvel::http::DefaultIoThreads()));
   const std::string type = UniqueType();
   Progress("serve: populating %d instances", instances);
   registrar.AddType(type);
@@ -958,8 +959,10 @@ void IdleStreamMemory(const Args& args, Registrar& registrar, std::vector<Row>& 
   std::size_t snapshot = 0;
   for (int round = 0; round < memoryRounds; ++round) {
     Progress("serve: %d idle event streams, process %d of %d", clients, round + 1, memoryRounds);
-    ServerProcess serve("korvel serve", korvel,
-                        ServeArgv(korvel, args, args.Option("io-threads", "1")));
+    ServerProcess serve(
+        "korvel serve", korvel,
+        ServeArgv(korvel, args,
+                  args.Option("io-threads", std::to_string(korvel::http::DefaultIoThreads()))));
     // One stream first: the type's cache, and whatever a first stream allocates once.
     EventClients first(serve.Port(), target);
     first.Add(1);
@@ -1005,7 +1008,9 @@ int main(int argc, char** argv) try {
   qx::logging::SetMinimumLoggingLevel(qx::logging::QXLOG_WARNING);
   if (argc >= 3 && std::string(argv[1]) == "--constant-server") {
     const Args args(argc - 2, argv + 2, false);
-    return ServeConstant(std::stoul(argv[2]), static_cast<unsigned>(args.Int("io-threads", 1, 1)),
+    return ServeConstant(std::stoul(argv[2]),
+                         static_cast<unsigned>(args.Int(
+                             "io-threads", static_cast<int>(korvel::http::DefaultIoThreads()), 1)),
                          static_cast<unsigned>(args.Int("handler-threads", 4, 4)));
   }
   const Args args(argc, argv);
@@ -1016,8 +1021,10 @@ int main(int argc, char** argv) try {
   std::vector<Row> rows;
   Registrar registrar(args.hosts);
   {
-    ServerProcess serve("korvel serve", korvel,
-                        ServeArgv(korvel, args, args.Option("io-threads", "1")));
+    ServerProcess serve(
+        "korvel serve", korvel,
+        ServeArgv(korvel, args,
+                  args.Option("io-threads", std::to_string(korvel::http::DefaultIoThreads()))));
     Throughput(args, serve, registrar, rows);
     Propagation(args, serve, registrar, rows);
     serve.Stop();

@@ -2,6 +2,7 @@
 
 #include <logger/logger.h>
 
+#include <algorithm>
 #include <boost/asio/dispatch.hpp>
 #include <boost/asio/post.hpp>
 #include <boost/asio/steady_timer.hpp>
@@ -84,6 +85,10 @@ Response ErrorResponse(unsigned status, const std::string& message) {
   response.body = std::make_shared<const std::string>(
       body.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) + "\n");
   return response;
+}
+
+unsigned DefaultIoThreads() {
+  return std::clamp(std::thread::hardware_concurrency(), 1u, 8u);
 }
 
 class Server::Impl : public std::enable_shared_from_this<Server::Impl> {

@@ -64,10 +64,13 @@ struct Reply {
 
 using Handler = std::function<Reply(const Request&)>;
 
+// One io thread per core, at most 8.
+unsigned DefaultIoThreads();
+
 struct ServerOptions {
   std::string address = "127.0.0.1";
   std::uint16_t port = 7411;  // 0: a free one
-  unsigned ioThreads = 1;
+  unsigned ioThreads = DefaultIoThreads();
   unsigned handlerThreads = 4;
   std::size_t maxConnections = 4096;
   std::size_t maxStreams = 1024;

@@ -229,9 +229,10 @@ int main(int argc, char** argv) {
       ->check(CLI::Range(100, 24 * 3600 * 1000))
       ->type_name("MS")
       ->capture_default_str();
-  serveCommand->add_option("--io-threads", server.ioThreads, "Threads that read and write")
-      ->check(CLI::Range(1, 64))
-      ->capture_default_str();
+  serveCommand
+      ->add_option("--io-threads", server.ioThreads,
+                   "Threads that read and write (default: one per core, at most 8)")
+      ->check(CLI::Range(1, 64));
   serveCommand
       ->add_option("--token-file", serveOptions.tokenFile,
                    "File (mode 600) holding the bearer token that requests must send")
