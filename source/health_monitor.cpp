@@ -7,6 +7,7 @@
 #include <thread>
 
 #include "korvel/health.h"
+#include "korvel/supervised_service.h"
 #include "korvel/tree.h"
 #include "logger/logger.h"
 
@@ -60,13 +61,45 @@ CheckResult RunOnce(const HealthCheck& check, std::chrono::milliseconds timeout)
   return result;
 }
 
+// What the monitor publishes through: a Service, or a SupervisedService that keeps one.
+class Publisher {
+ public:
+  virtual ~Publisher() = default;
+  virtual void SetStatus(Service::Status status) = 0;
+  virtual void SetChildAttribute(String childPath, String attribute, String value) = 0;
+  virtual void RemoveChild(String childPath, bool ignoreNonExistent) = 0;
+  virtual const std::shared_ptr<Connection>& GetConnection() const = 0;
+  virtual const String& GetRoot() const = 0;
+};
+
+template <typename Target>
+class PublisherOf : public Publisher {
+ public:
+  explicit PublisherOf(std::shared_ptr<Target> target) : m_target(std::move(target)) {
+    if (!m_target) throw std::invalid_argument("a health monitor needs a service");
+  }
+  void SetStatus(Service::Status status) override { m_target->SetStatus(status); }
+  void SetChildAttribute(String childPath, String attribute, String value) override {
+    m_target->SetChildAttribute(std::move(childPath), std::move(attribute), std::move(value));
+  }
+  void RemoveChild(String childPath, bool ignoreNonExistent) override {
+    m_target->RemoveChild(std::move(childPath), ignoreNonExistent);
+  }
+  const std::shared_ptr<Connection>& GetConnection() const override {
+    return m_target->GetConnection();
+  }
+  const String& GetRoot() const override { return m_target->GetRoot(); }
+
+ private:
+  const std::shared_ptr<Target> m_target;
+};
+
 }  // namespace
 
 class HealthMonitor::Impl : public ConnectionObserver, public std::enable_shared_from_this<Impl> {
  public:
-  Impl(std::shared_ptr<Service> service, std::vector<HealthCheck> checks, HealthOptions options)
+  Impl(std::unique_ptr<Publisher> service, std::vector<HealthCheck> checks, HealthOptions options)
       : m_service(std::move(service)), m_options(options) {
-    if (!m_service) throw std::invalid_argument("a health monitor needs a service");
     if (checks.empty()) throw std::invalid_argument("a health monitor needs at least one check");
     if (options.timeout.count() <= 0 || options.interval < options.timeout) {
       throw std::invalid_argument("the check interval must be at least the check timeout (" +
@@ -319,7 +352,7 @@ class HealthMonitor::Impl : public ConnectionObserver, public std::enable_shared
     }
   }
 
-  const std::shared_ptr<Service> m_service;
+  const std::unique_ptr<Publisher> m_service;
   const HealthOptions m_options;
   std::vector<Check> m_checks;  // fixed after construction; fields under the lock
   mutable std::mutex m_mutex;
@@ -337,7 +370,16 @@ class HealthMonitor::Impl : public ConnectionObserver, public std::enable_shared
 
 HealthMonitor::HealthMonitor(std::shared_ptr<Service> service, std::vector<HealthCheck> checks,
                              HealthOptions options)
-    : m_impl(std::make_shared<Impl>(std::move(service), std::move(checks), options)) {
+    : m_impl(std::make_shared<Impl>(std::make_unique<PublisherOf<Service>>(std::move(service)),
+                                    std::move(checks), options)) {
+  m_impl->Start();
+}
+
+HealthMonitor::HealthMonitor(std::shared_ptr<SupervisedService> service,
+                             std::vector<HealthCheck> checks, HealthOptions options)
+    : m_impl(std::make_shared<Impl>(
+          std::make_unique<PublisherOf<SupervisedService>>(std::move(service)), std::move(checks),
+          options)) {
   m_impl->Start();
 }
 

@@ -28,6 +28,7 @@
 #include <vector>
 
 #include "korvel/service.h"
+#include "korvel/supervised_service.h"
 #include "stlext/string.h"
 
 namespace qx::korvel {
@@ -78,6 +79,10 @@ class HealthMonitor {
   // for no checks, a bad or repeated check name, or bad options, and
   // KorvelError when "down" cannot be published.
   HealthMonitor(std::shared_ptr<Service> service, std::vector<HealthCheck> checks,
+                HealthOptions options = {});
+  // The same over a supervised registration, which also publishes the
+  // monitor's status and records again after it registered anew.
+  HealthMonitor(std::shared_ptr<SupervisedService> service, std::vector<HealthCheck> checks,
                 HealthOptions options = {});
   // Stops the checks (waiting for those running, at most their timeout),
   // then removes the health records. Not on the connection's event thread.

@@ -1,7 +1,8 @@
 // The register command: one instance that stays registered until SIGINT or SIGTERM (or until a
-// watched process exits), also across session expiries, takes commands from stdin, and with health
-// checks keeps its status in step with them.
+// watched process exits), kept registered (also after a session expiry or the removal of its nodes
+// by others), takes commands from stdin, and with health checks keeps its status in step with them.
 #include <korvel/error.h>
+#include <korvel/supervised_service.h>
 #include <korvel/utils.h>
 #include <poll.h>
 #include <stlext/uuid.h>
@@ -11,7 +12,6 @@
 #include <algorithm>
 #include <boost/algorithm/string/trim.hpp>
 #include <cerrno>
-#include <condition_variable>
 #include <cstring>
 #include <iostream>
 #include <mutex>
@@ -23,42 +23,35 @@
 namespace korvel::cli {
 namespace {
 
-using namespace std::chrono_literals;
 using qx::korvel::Connection;
 using qx::korvel::HealthMonitor;
 using qx::korvel::Service;
+using qx::korvel::SupervisedService;
 
-// How long teardown waits for a republication under way.
-constexpr auto kRepublishWait = 10s;
-
-// Writes one whole line to stdout and flushes it: the main thread and the event thread both
-// print, and whoever reads the other end of a pipe waits for whole lines.
+// Writes one whole line to stdout and flushes it: the main thread and the supervisor's thread
+// both print, and whoever reads the other end of a pipe waits for whole lines.
 void PrintLine(const std::string& line) {
   static std::mutex mutex;
   std::lock_guard<std::mutex> lock(mutex);
   std::cout << line << std::endl;
 }
 
-// What the instance publishes beyond its registration: its status and its child attributes,
-// remembered so that they can be published again after a session expiry. Registered with the
-// connection after the service itself, so that it is notified after the service has registered
-// again (status "down"), and then publishes the remembered state. With health checks, the status
-// is the health monitor's, which publishes it again by itself.
-class Registration : public qx::korvel::ConnectionObserver {
+// The instance, kept registered with what was published through it, and its health checks,
+// whose status a manual one overrides.
+class Registration {
  public:
-  explicit Registration(std::shared_ptr<Service> service) : m_service(std::move(service)) {}
+  explicit Registration(std::shared_ptr<SupervisedService> service)
+      : m_service(std::move(service)) {}
 
   // Hands the status to health checks; throws what HealthMonitor throws.
   void Monitor(std::vector<qx::korvel::HealthCheck> checks, qx::korvel::HealthOptions options) {
-    auto monitor = std::make_unique<HealthMonitor>(m_service, std::move(checks), options);
-    Remember([&] { m_monitor = std::move(monitor); });
+    m_monitor = std::make_unique<HealthMonitor>(m_service, std::move(checks), options);
   }
 
-  // Publishes at once (throwing KorvelError on failure) and is remembered. With health checks it
-  // is a manual status that the checks do not override.
+  // Publishes at once (throwing KorvelError on failure). With health checks it is a manual
+  // status that the checks do not override.
   void SetStatus(Service::Status status) {
     if (m_monitor) return m_monitor->SetManualStatus(status);
-    Remember([&] { m_status = status; });
     m_service->SetStatus(status);
   }
   // Hands the status back to the health checks; false when there are none.
@@ -68,27 +61,11 @@ class Registration : public qx::korvel::ConnectionObserver {
     return true;
   }
   void SetChildAttribute(const ChildAttribute& attribute) {
-    Remember([&] {
-      for (ChildAttribute& known : m_attributes) {
-        if (known.child == attribute.child && known.attribute == attribute.attribute) {
-          known.value = attribute.value;
-          return;
-        }
-      }
-      m_attributes.push_back(attribute);
-    });
     m_service->SetChildAttribute(attribute.child, attribute.attribute, attribute.value);
   }
   // Deletes the child record `child` (normalised) with everything below it. False when it does
   // not exist or could not be deleted.
   bool RemoveChild(const std::string& child) {
-    Remember([&] {
-      const auto below = [&child](const ChildAttribute& a) {
-        return a.child == child || a.child.rfind(child + "/", 0) == 0;
-      };
-      m_attributes.erase(std::remove_if(m_attributes.begin(), m_attributes.end(), below),
-                         m_attributes.end());
-    });
     const std::string node = m_service->GetRoot() + "/" + child;
     const Connection& conn = *m_service->GetConnection();
     if (conn.Exists(node, nullptr) != ZOK) return false;
@@ -96,69 +73,15 @@ class Registration : public qx::korvel::ConnectionObserver {
     return conn.Exists(node, nullptr) == ZNONODE;
   }
 
-  // Waits (bounded) for a republication under way, stops further ones, stops the health checks
-  // (removing their records), and unregisters the instance by destroying the service.
+  // Stops the health checks (removing their records), then unregisters the instance.
   void Close() {
-    std::shared_ptr<Service> service;
-    std::unique_ptr<HealthMonitor> monitor;
-    {
-      std::unique_lock<std::mutex> lock(m_mutex);
-      m_closed = true;
-      m_idle.wait_for(lock, kRepublishWait, [this] { return !m_republishing; });
-      service = std::move(m_service);
-      monitor = std::move(m_monitor);
-    }
-    monitor.reset();
-  }
-
-  void OnSessionEvent(int type, int state, qx::String) override {
-    if (type != ZOO_SESSION_EVENT) return;
-    std::shared_ptr<Service> service;
-    std::optional<Service::Status> status;
-    std::vector<ChildAttribute> attributes;
-    {
-      std::lock_guard<std::mutex> lock(m_mutex);
-      if (state == ZOO_EXPIRED_SESSION_STATE) m_expired = true;
-      if (state != ZOO_CONNECTED_STATE || !m_expired || m_closed) return;
-      m_expired = false;
-      m_republishing = true;
-      service = m_service;
-      if (!m_monitor) status = m_status;
-      attributes = m_attributes;
-    }
-    std::string result = "re-registered " + qx::uuid::to_string(service->GetId());
-    try {
-      if (status) service->SetStatus(*status);
-      for (const ChildAttribute& a : attributes) {
-        service->SetChildAttribute(a.child, a.attribute, a.value);
-      }
-    } catch (const std::exception& e) {
-      result = std::string("error: publishing again after the session expiry failed: ") + e.what();
-    }
-    {
-      std::lock_guard<std::mutex> lock(m_mutex);
-      m_republishing = false;
-    }
-    m_idle.notify_all();
-    PrintLine(result);
+    m_monitor.reset();
+    m_service.reset();
   }
 
  private:
-  template <typename F>
-  void Remember(F change) {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    change();
-  }
-
-  std::shared_ptr<Service> m_service;        // reset by Close
-  std::unique_ptr<HealthMonitor> m_monitor;  // set once, before any command; reset by Close
-  std::mutex m_mutex;
-  std::condition_variable m_idle;
-  Service::Status m_status = Service::DOWN;
-  std::vector<ChildAttribute> m_attributes;  // the latest value of each child attribute
-  bool m_expired = false;
-  bool m_republishing = false;
-  bool m_closed = false;
+  std::shared_ptr<SupervisedService> m_service;
+  std::unique_ptr<HealthMonitor> m_monitor;  // set once, before any command
 };
 
 // Runs one stdin command and returns its answer line.
@@ -287,17 +210,18 @@ int RunRegister(const Settings& settings, const RegisterOptions& options) {
                   std::strerror(errno));
   }
   auto conn = Connect(settings);
-  std::shared_ptr<Service> service;
+  const qx::korvel::ServiceId uuid = options.id ? *options.id : qx::korvel::RandomServiceId();
+  const std::string id = qx::uuid::to_string(uuid);
+  qx::korvel::SupervisionOptions supervision;
+  supervision.reregistered = [id] { PrintLine("re-registered " + id); };
+  std::shared_ptr<SupervisedService> service;
   try {
-    service = options.id ? std::make_shared<Service>(conn, options.type, *options.id, options.name)
-                         : std::make_shared<Service>(conn, options.type, options.name);
+    service =
+        std::make_shared<SupervisedService>(conn, options.type, uuid, options.name, supervision);
   } catch (const qx::korvel::KorvelError& e) {
     throw Failure("cannot register an instance of type '" + options.type + "': " + e.what());
   }
-  const std::string id = qx::uuid::to_string(service->GetId());
-  service->RegisterForSessionEvent();
-  auto registration = std::make_shared<Registration>(std::move(service));
-  conn->RegisterWeak(registration);
+  auto registration = std::make_unique<Registration>(std::move(service));
   try {
     if (options.checks.Any()) {
       registration->Monitor(options.checks.Build(), options.checks.health);
@@ -315,7 +239,6 @@ int RunRegister(const Settings& settings, const RegisterOptions& options) {
   if (!ReceivedStopSignal()) {
     std::cerr << "korvel: process " << *options.watchedPid << " exited; unregistering\n";
   }
-  conn->Unregister(registration.get());
   registration->Close();  // the service goes first, then the connection
   return 0;
 }
