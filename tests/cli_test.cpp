@@ -12,6 +12,7 @@
 #include <regex>
 #include <sstream>
 
+#include "korvel/utils.h"
 #include "process/child_process.h"
 #include "util/test_util.h"
 
@@ -23,10 +24,6 @@ using Json = nlohmann::json;
 
 constexpr auto kCommandTimeout = 20s;
 constexpr auto kGrace = 10s;
-
-bool StartsWith(const std::string& text, const std::string& prefix) {
-  return text.rfind(prefix, 0) == 0;
-}
 
 std::vector<std::string> Lines(const std::string& text) {
   std::vector<std::string> lines;
@@ -45,48 +42,12 @@ Result Korvel(const std::vector<std::string>& args) {
   return RunKorvel(Concat({"--zk", Hosts()}, args));
 }
 
-// `korvel register ARGS` in the background, with a short session timeout.
-class Registered {
+// `korvel register ARGS` against the shared server.
+class Registered : public RegisterProcess {
  public:
   explicit Registered(const std::vector<std::string>& args,
                       const std::vector<std::string>& globalArgs = {})
-      : m_type(args.at(0)),
-        m_process(CliPath(), Concat(Concat({"korvel", "--zk", Hosts(), "--session-timeout", "2000"},
-                                           globalArgs),
-                                    Concat({"register"}, args))) {
-    const auto line = m_process.WaitForLine(
-        ChildProcess::kStdout, [](const std::string&) { return true; }, kCommandTimeout);
-    m_id = line.value_or("");
-  }
-
-  // The instance id it printed first; empty if it printed none.
-  const std::string& Id() const { return m_id; }
-  // Its data and liveness nodes.
-  std::string DataPath() const { return tree::Below(tree::DataDir(m_type), m_id); }
-  std::string AlivePath() const { return tree::Below(tree::AliveDir(m_type), m_id); }
-  ChildProcess& Process() { return m_process; }
-  std::string Stderr() const { return m_process.Output(ChildProcess::kStderr); }
-
-  // Sends a stdin command and returns its answer line.
-  std::string Command(const std::string& command) {
-    m_process.SendLine(command);
-    return WaitForAnswer();
-  }
-  // The next line that answers a command.
-  std::string WaitForAnswer() {
-    return WaitForLine([](const std::string& line) {
-      return StartsWith(line, "ok") || StartsWith(line, "error");
-    });
-  }
-  std::string WaitForLine(const std::function<bool(const std::string&)>& match) {
-    return m_process.WaitForLine(ChildProcess::kStdout, match, kCommandTimeout)
-        .value_or("<nothing>");
-  }
-
- private:
-  std::string m_type;
-  ChildProcess m_process;
-  std::string m_id;
+      : RegisterProcess(Hosts(), args, globalArgs) {}
 };
 
 std::string HostName() {
@@ -199,6 +160,26 @@ TEST(CliTest, ExpireSessionReRegistersWithTheStatusGiven) {
   EXPECT_GT(sessionAfter, 0);
   EXPECT_NE(sessionBefore, sessionAfter);
   EXPECT_EQ("up_sending_disabled\n", Korvel({"get", type, instance.Id(), "status"}).out);
+  EXPECT_EQ("8080\n", Korvel({"get", type, instance.Id(), "port", "--child", "worker-1"}).out);
+}
+
+TEST(CliTest, AnInstanceWhoseNodesOthersDeletedIsListedAgainWithItsState) {
+  const std::string type = UniqueName("cli");
+  Registered instance({type});
+  ASSERT_EQ(36u, instance.Id().size()) << instance.Stderr();
+  EXPECT_EQ("ok status up", instance.Command("status up"));
+  EXPECT_EQ("ok attr worker-1:port=8080", instance.Command("attr worker-1:port=8080"));
+
+  const auto conn = Connect(Hosts());
+  qx::korvel::RecursiveDelete(*conn, instance.DataPath());
+  ASSERT_EQ(ZOK, conn->Delete(instance.AlivePath(), -1));
+  EXPECT_EQ("re-registered " + instance.Id(), instance.WaitForLine([](const std::string& line) {
+    return StartsWith(line, "re-registered") || StartsWith(line, "error");
+  })) << instance.Stderr();
+  const Json listed = Json::parse(Korvel({"list", type, "--json"}).out);
+  ASSERT_EQ(1u, listed.size()) << listed.dump();
+  EXPECT_EQ(instance.Id(), listed[0]["id"]);
+  EXPECT_EQ("up", listed[0]["status"]);
   EXPECT_EQ("8080\n", Korvel({"get", type, instance.Id(), "port", "--child", "worker-1"}).out);
 }
 

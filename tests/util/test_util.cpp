@@ -162,4 +162,36 @@ Result RunKorvel(const std::vector<std::string>& args,
           child.Output(process::ChildProcess::kStderr)};
 }
 
+RegisterProcess::RegisterProcess(const std::string& hosts, const std::vector<std::string>& args,
+                                 const std::vector<std::string>& globalArgs)
+    : m_type(args.at(0)),
+      m_process(CliPath(),
+                Concat(Concat({"korvel", "--zk", hosts, "--session-timeout", "2000"}, globalArgs),
+                       Concat({"register"}, args))) {
+  m_id = WaitForLine([](const std::string&) { return true; });
+  if (m_id == "<nothing>") m_id.clear();
+}
+
+std::string RegisterProcess::Stderr() const {
+  return m_process.Output(process::ChildProcess::kStderr);
+}
+
+std::string RegisterProcess::Command(const std::string& command) {
+  m_process.SendLine(command);
+  return WaitForAnswer();
+}
+
+std::string RegisterProcess::WaitForAnswer() {
+  return WaitForLine(
+      [](const std::string& line) { return StartsWith(line, "ok") || StartsWith(line, "error"); });
+}
+
+std::string RegisterProcess::WaitForLine(const std::function<bool(const std::string&)>& match) {
+  return m_process.WaitForLine(process::ChildProcess::kStdout, match, 20s).value_or("<nothing>");
+}
+
+bool StartsWith(const std::string& text, const std::string& prefix) {
+  return text.rfind(prefix, 0) == 0;
+}
+
 }  // namespace korvel::test

@@ -5,6 +5,7 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -14,6 +15,7 @@
 #include "korvel/connection_v2.h"
 #include "korvel/tree.h"
 #include "logger/logger.h"
+#include "process/child_process.h"
 #include "util/zk_harness.h"
 
 namespace korvel::test {
@@ -63,6 +65,36 @@ struct Result {
 // failure and is killed.
 Result RunKorvel(const std::vector<std::string>& args,
                  const std::vector<std::string>& environment = {});
+// `korvel register ARGS` (CliPath) against `hosts` in the background, with a session timeout of
+// 2 s; it waits (bounded) for the first line, the instance id.
+class RegisterProcess {
+ public:
+  RegisterProcess(const std::string& hosts, const std::vector<std::string>& args,
+                  const std::vector<std::string>& globalArgs = {});
+
+  // The instance id it printed first; empty if it printed none.
+  const std::string& Id() const { return m_id; }
+  // Its data and liveness nodes.
+  std::string DataPath() const { return tree::Below(tree::DataDir(m_type), m_id); }
+  std::string AlivePath() const { return tree::Below(tree::AliveDir(m_type), m_id); }
+  process::ChildProcess& Process() { return m_process; }
+  std::string Stderr() const;
+
+  // Sends a stdin command and returns its answer line.
+  std::string Command(const std::string& command);
+  // The next line that answers a command.
+  std::string WaitForAnswer();
+  // The next line on stdout that `match` accepts; "<nothing>" after 20 s.
+  std::string WaitForLine(const std::function<bool(const std::string&)>& match);
+
+ private:
+  std::string m_type;
+  process::ChildProcess m_process;
+  std::string m_id;
+};
+
+bool StartsWith(const std::string& text, const std::string& prefix);
+
 // This process's environment plus the "NAME=value" entries of `extra`.
 std::vector<std::string> EnvironmentWith(const std::vector<std::string>& extra);
 
