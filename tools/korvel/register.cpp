@@ -63,14 +63,14 @@ class Registration {
   void SetChildAttribute(const ChildAttribute& attribute) {
     m_service->SetChildAttribute(attribute.child, attribute.attribute, attribute.value);
   }
-  // Deletes the child record `child` (normalised) with everything below it. False when it does
-  // not exist or could not be deleted.
+  // Deletes the child record `child` (normalised) with everything below it, and forgets it also
+  // when it is not there now. False when it did not exist or could not be deleted.
   bool RemoveChild(const std::string& child) {
     const std::string node = m_service->GetRoot() + "/" + child;
     const Connection& conn = *m_service->GetConnection();
-    if (conn.Exists(node, nullptr) != ZOK) return false;
-    m_service->RemoveChild(child, false);
-    return conn.Exists(node, nullptr) == ZNONODE;
+    const bool existed = conn.Exists(node, nullptr) == ZOK;
+    m_service->RemoveChild(child, true);
+    return existed && conn.Exists(node, nullptr) == ZNONODE;
   }
 
   // Stops the health checks (removing their records), then unregisters the instance.
