@@ -107,7 +107,8 @@ int main(int argc, char** argv) {
       "  attr CHILD:ATTR=VALUE\n"
       "  remove CHILD\n"
       "  expire-session    (a fault drill: the server expires this instance's session)\n"
-      "After a session expiry it registers again and prints \"re-registered ID\".\n"
+      "When it finds itself unregistered (a session expiry, its nodes deleted by others) it\n"
+      "registers again with its status and child records and prints \"re-registered ID\".\n"
       "With health checks the status is \"down\" until every check has passed --rise times in a\n"
       "row, and \"down\" again once one has failed --fall times in a row; each check's result,\n"
       "since when and last output stand in the child record health-<check> (exec-1, http-1, ...).");
