@@ -142,9 +142,9 @@ String DigestId(const Credentials& credentials) {
 
 namespace {
 
-void AppendNames(const String_vector& names, std::vector<String>& out) {
-  out.reserve(out.size() + static_cast<std::size_t>(names.count));
-  for (int i = 0; i < names.count; ++i) out.emplace_back(names.data[i]);
+void AppendNames(const Connection::ChildNames& names, std::vector<String>& out) {
+  out.reserve(out.size() + names.size());
+  for (std::size_t i = 0; i < names.size(); ++i) out.emplace_back(names[i]);
 }
 
 }  // namespace
@@ -375,24 +375,37 @@ std::pair<int, Connection::WatchHandle> Connection::Exists(String path, WatchFun
 }
 
 int Connection::GetChildren(String path, std::vector<String>& children) const {
-  if (auto rc = m_impl->Injected(Operation::GetChildren, path)) {
-    return CountRequest(RequestKind::kGetChildren, *rc);
-  }
-  String_vector names{};
-  const int rc = zoo_get_children(m_impl->Current()->zh, path.c_str(), 0, &names);
-  if (rc == ZOK) AppendNames(names, children);
-  deallocate_String_vector(&names);
-  return CountRequest(RequestKind::kGetChildren, rc);
+  return VisitChildren(std::move(path),
+                       [&children](const ChildNames& names) { AppendNames(names, children); });
 }
 
 std::pair<int, Connection::WatchHandle> Connection::GetChildren(String path,
                                                                 std::vector<String>& children,
                                                                 WatchFunction watch) const {
+  return VisitChildren(
+      std::move(path), [&children](const ChildNames& names) { AppendNames(names, children); },
+      std::move(watch));
+}
+
+int Connection::VisitChildren(String path, const ChildNamesVisitor& visit) const {
+  if (auto rc = m_impl->Injected(Operation::GetChildren, path)) {
+    return CountRequest(RequestKind::kGetChildren, *rc);
+  }
+  String_vector names{};
+  const int rc = zoo_get_children(m_impl->Current()->zh, path.c_str(), 0, &names);
+  if (rc == ZOK) visit(ChildNames(names));
+  deallocate_String_vector(&names);
+  return CountRequest(RequestKind::kGetChildren, rc);
+}
+
+std::pair<int, Connection::WatchHandle> Connection::VisitChildren(String path,
+                                                                  const ChildNamesVisitor& visit,
+                                                                  WatchFunction watch) const {
   return m_impl->Watched(Operation::GetChildren, path, std::move(watch),
                          [&](zhandle_t* zh, watcher_fn fn, void* ctx) {
                            String_vector names{};
                            const int rc = zoo_wget_children(zh, path.c_str(), fn, ctx, &names);
-                           if (rc == ZOK) AppendNames(names, children);
+                           if (rc == ZOK) visit(ChildNames(names));
                            deallocate_String_vector(&names);
                            return std::pair<int, bool>(rc, rc == ZOK);
                          });
@@ -467,7 +480,7 @@ std::vector<int> Connection::GetChildrenAll(const std::vector<String>& paths,
         [](int rc, const String_vector* names, const void* data) {
           AsyncSlot& slot = AsyncSlot::From(data);
           if (rc == ZOK && names != nullptr) {
-            AppendNames(*names, *static_cast<std::vector<String>*>(slot.out));
+            AppendNames(ChildNames(*names), *static_cast<std::vector<String>*>(slot.out));
           }
           slot.Complete(rc);
         },

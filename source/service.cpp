@@ -361,27 +361,29 @@ std::tuple<int, std::vector<ServiceId>> OldServiceWatcher::List() const {
 std::tuple<int, std::vector<ServiceId>, Connection::WatchHandle> OldServiceWatcher::List(
     WatchFunction func) const {
   const String path = tree::AliveDir(m_name);
-  std::vector<String> children;
   std::vector<ServiceId> services;
+  // Each name is parsed where the client left it: no copy per instance.
+  const auto parse = [&](const Connection::ChildNames& children) {
+    services.reserve(children.size());
+    for (std::size_t i = 0; i < children.size(); ++i) {
+      ServiceId id;
+      if (uuid::from_string(children[i], id)) {
+        services.push_back(id);
+      } else {
+        QXLOG(g_log, logging::QXLOG_WARNING)
+            << "Invalid child name at path '" << path << "'. Could not convert '" << children[i]
+            << "' to ServiceId.";
+      }
+    }
+  };
   int rc;
   Connection::WatchHandle handle;
   if (func) {
-    std::tie(rc, handle) = m_conn->GetChildren(path, children, std::move(func));
+    std::tie(rc, handle) = m_conn->VisitChildren(path, parse, std::move(func));
   } else {
-    rc = m_conn->GetChildren(path, children);
+    rc = m_conn->VisitChildren(path, parse);
   }
-  if (rc != ZOK) return {rc, std::move(services), std::move(handle)};
-  services.reserve(children.size());
-  for (const String& child : children) {
-    ServiceId id;
-    if (uuid::from_string(child, id)) {
-      services.push_back(id);
-    } else {
-      QXLOG(g_log, logging::QXLOG_WARNING)
-          << "Invalid child name at path '" << path << "'. Could not convert '" << child
-          << "' to ServiceId.";
-    }
-  }
+  if (rc != ZOK) services.clear();
   return {rc, std::move(services), std::move(handle)};
 }
 

@@ -32,6 +32,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -192,6 +193,24 @@ class Connection : public ObservableImpl<ConnectionObserver> {
   // The same, and sets a one-shot child watch when the node exists.
   std::pair<int, WatchHandle> GetChildren(String path, std::vector<String>& children,
                                           WatchFunction watch) const;
+  // The names of a node's children where the client left them, in the
+  // server's order; valid only during the call that hands them over.
+  class ChildNames {
+   public:
+    explicit ChildNames(const String_vector& names) : m_names(names) {}
+    std::size_t size() const { return static_cast<std::size_t>(m_names.count); }
+    std::string_view operator[](std::size_t i) const { return m_names.data[i]; }
+
+   private:
+    const String_vector& m_names;
+  };
+  using ChildNamesVisitor = std::function<void(const ChildNames& names)>;
+  // Hands the names of the node's children to `visit` once, on the calling
+  // thread, when the listing succeeded; nothing is copied. Otherwise as
+  // GetChildren.
+  int VisitChildren(String path, const ChildNamesVisitor& visit) const;
+  std::pair<int, WatchHandle> VisitChildren(String path, const ChildNamesVisitor& visit,
+                                            WatchFunction watch) const;
   int Delete(String path, int version) const;
   // Reads the node's ACL into `acl` (replacing its contents). The server
   // shows a digest's hash only to a client with admin rights on the node
