@@ -398,6 +398,62 @@ class RawClient {
     return children;
   }
 
+  // Deletes the nodes, in their order, in multi requests of up to `perMulti` deletes, all of
+  // them in flight together; the first failure's code, or ZOK.
+  int DeleteInMultis(const std::vector<std::string>& paths, std::size_t perMulti) const {
+    struct Multi {
+      std::vector<zoo_op_t> ops;
+      std::vector<zoo_op_result_t> results;
+      Completions* done = nullptr;
+      int rc = ZOK;
+    };
+    std::vector<Multi> multis((paths.size() + perMulti - 1) / perMulti);
+    Completions done(static_cast<int>(multis.size()));
+    for (std::size_t m = 0; m < multis.size(); ++m) {
+      Multi& multi = multis[m];
+      const std::size_t begin = m * perMulti, end = std::min(paths.size(), begin + perMulti);
+      multi.ops.resize(end - begin);
+      multi.results.resize(end - begin);
+      multi.done = &done;
+      for (std::size_t i = begin; i < end; ++i) {
+        zoo_delete_op_init(&multi.ops[i - begin], paths[i].c_str(), -1);
+      }
+      multi.rc = zoo_amulti(
+          m_zh, static_cast<int>(multi.ops.size()), multi.ops.data(), multi.results.data(),
+          [](int rc, const void* data) {
+            auto* multi = static_cast<Multi*>(const_cast<void*>(data));
+            multi->rc = rc;
+            multi->done->Done();
+          },
+          &multi);
+      if (multi.rc != ZOK) done.Done();
+    }
+    done.Wait();
+    for (const Multi& multi : multis) {
+      if (multi.rc != ZOK) return multi.rc;
+    }
+    return ZOK;
+  }
+
+  // The nodes of the subtrees of `roots`, deepest first: listed a level at a time, each level's
+  // listings all in flight together.
+  std::vector<std::string> SubtreesDeepestFirst(std::vector<std::string> roots) const {
+    std::vector<std::vector<std::string>> levels{std::move(roots)};
+    while (!levels.back().empty()) {
+      const auto children = ListAll(levels.back());
+      std::vector<std::string> next;
+      for (std::size_t i = 0; i < children.size(); ++i) {
+        for (const auto& child : children[i]) next.push_back(levels.back()[i] + "/" + child);
+      }
+      levels.push_back(std::move(next));
+    }
+    std::vector<std::string> deepestFirst;
+    for (auto level = levels.rbegin(); level != levels.rend(); ++level) {
+      deepestFirst.insert(deepestFirst.end(), level->begin(), level->end());
+    }
+    return deepestFirst;
+  }
+
   // Deletes the nodes in one zoo_multi; the result code.
   int DeleteInOneMulti(const std::vector<std::string>& paths) const {
     std::vector<zoo_op_t> ops(paths.size());

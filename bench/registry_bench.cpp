@@ -10,7 +10,7 @@
 //   RecursiveDelete against depth + 1 round trips;
 // - reading an attribute, testing that it exists, and the latency of a watch.
 //
-//   registry_bench HOSTS [--quick] [--json FILE] [--rounds N] [--only SECTION]
+//   registry_bench HOSTS [--quick] [--json FILE] [--rounds N] [--only SECTION] [--leftovers N]
 #include <korvel/service.h>
 #include <korvel/tree.h>
 #include <korvel/utils.h>
@@ -35,6 +35,8 @@ namespace tree = qx::korvel::tree;
 namespace {
 
 const char* const kStatus = tree::kOwnAttributeNames[tree::kStatus];
+// Deletes per multi request of the all-in-flight cleanup.
+constexpr std::size_t kDeletesPerMulti = 100;
 
 // ---- Registration and teardown ----------------------------------------------
 
@@ -209,32 +211,51 @@ void BenchCleanup(const std::shared_ptr<Connection>& conn, const RawClient& raw,
     conn->GetChildren(srvDir, children);
     return children.size();
   };
-  auto samples = Interleave(
-      rounds, 1,
-      [&] {
-        populate();
-        const double seconds = Time([&] { live->CleanupCrashedApps(type); });
-        if (remaining() != 1) throw std::runtime_error("cleanup left nodes behind");
-        return seconds;
-      },
-      [&] {
-        populate();
-        return Time([&] {
-          String_vector srv{}, alive{};
-          zoo_get_children(raw.zh(), srvDir.c_str(), 0, &srv);
-          zoo_get_children(raw.zh(), aliveDir.c_str(), 0, &alive);
-          const std::set<std::string> living(alive.data, alive.data + alive.count);
-          for (int i = 0; i < srv.count; ++i) {
-            if (living.count(srv.data[i]) == 0) NaiveDelete(raw.zh(), srvDir + "/" + srv.data[i]);
-          }
-          deallocate_String_vector(&srv);
-          deallocate_String_vector(&alive);
-        });
-      });
-  const double korvel = Median(samples.korvel);
-  rows.push_back({"cleanup, " + std::to_string(leftovers) + " leftovers of 6 nodes", korvel * 1e3,
-                  Median(samples.floor) * 1e3, "ms", FasterBy(3), leftovers * 6 / korvel, "nodes/s",
+  const auto korvelCleanup = [&] {
+    populate();
+    const double seconds = Time([&] { live->CleanupCrashedApps(type); });
+    if (remaining() != 1) throw std::runtime_error("cleanup left nodes behind");
+    return seconds;
+  };
+  // The data nodes without a liveness node, as full paths.
+  const auto leftoverPaths = [&] {
+    String_vector srv{}, alive{};
+    zoo_get_children(raw.zh(), srvDir.c_str(), 0, &srv);
+    zoo_get_children(raw.zh(), aliveDir.c_str(), 0, &alive);
+    const std::set<std::string> living(alive.data, alive.data + alive.count);
+    std::vector<std::string> paths;
+    for (int i = 0; i < srv.count; ++i) {
+      if (living.count(srv.data[i]) == 0) paths.push_back(srvDir + "/" + srv.data[i]);
+    }
+    deallocate_String_vector(&srv);
+    deallocate_String_vector(&alive);
+    return paths;
+  };
+  const auto naive = Interleave(rounds, 1, korvelCleanup, [&] {
+    populate();
+    return Time([&] {
+      for (const std::string& path : leftoverPaths()) NaiveDelete(raw.zh(), path);
+    });
+  });
+  // Every leftover's listings of a level in flight together, then every delete in multis of as
+  // many deletes as korvel puts in one, all in flight together.
+  const auto allInFlight = Interleave(rounds, 1, korvelCleanup, [&] {
+    populate();
+    return Time([&] {
+      Check(raw.DeleteInMultis(raw.SubtreesDeepestFirst(leftoverPaths()), kDeletesPerMulti),
+            "multi");
+    });
+  });
+  const double korvel = Median(naive.korvel);
+  const std::string what = "cleanup, " + std::to_string(leftovers) + " leftovers of 6 nodes";
+  rows.push_back({what, korvel * 1e3, Median(naive.floor) * 1e3, "ms", FasterBy(3),
+                  leftovers * 6 / korvel, "nodes/s",
                   "floor: a recursive delete listing and deleting one node at a time"});
+  const double korvel2 = Median(allInFlight.korvel);
+  rows.push_back({what + ", against all in flight", korvel2 * 1e3, Median(allInFlight.floor) * 1e3,
+                  "ms", RatioAtMost(1.2), leftovers * 6 / korvel2, "nodes/s",
+                  "floor: each level's listings of all leftovers in flight, then all deletes in "
+                  "multis in flight"});
 }
 
 // One leftover's RecursiveDelete against its depth + 1 round trips made
@@ -260,22 +281,8 @@ void BenchSubtreeDelete(const std::shared_ptr<Connection>& conn, const RawClient
       },
       [&] {
         const std::string root = populate();
-        return Time([&] {
-          std::vector<std::vector<std::string>> levels{{root}};
-          while (!levels.back().empty()) {
-            const auto children = raw.ListAll(levels.back());
-            std::vector<std::string> next;
-            for (std::size_t i = 0; i < children.size(); ++i) {
-              for (const auto& child : children[i]) next.push_back(levels.back()[i] + "/" + child);
-            }
-            levels.push_back(std::move(next));
-          }
-          std::vector<std::string> deepestFirst;
-          for (auto level = levels.rbegin(); level != levels.rend(); ++level) {
-            deepestFirst.insert(deepestFirst.end(), level->begin(), level->end());
-          }
-          Check(raw.DeleteInOneMulti(deepestFirst), "multi");
-        });
+        return Time(
+            [&] { Check(raw.DeleteInOneMulti(raw.SubtreesDeepestFirst({root})), "multi"); });
       });
   const double korvel = Median(samples.korvel);
   rows.push_back({"RecursiveDelete, one leftover (depth 3)", korvel * 1e3,
@@ -389,7 +396,7 @@ int main(int argc, char** argv) {
     BenchList(conn, raw, base + "-list10k", args.quick ? 1000 : 10000, rounds / 10, rows);
   }
   if (wanted("cleanup")) {
-    BenchCleanup(conn, raw, base + "-clean", args.quick ? 50 : 1000,
+    BenchCleanup(conn, raw, base + "-clean", args.Int("leftovers", 1000, 50),
                  args.Int("cleanup-rounds", 7, 1), rows);
   }
   if (wanted("subtree")) BenchSubtreeDelete(conn, raw, base + "-subtree", rounds, rows);

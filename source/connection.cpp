@@ -44,7 +44,8 @@ bool IsSessionFailure(int rc) {
 constexpr std::size_t kReadBuffer = 4096;
 // A value that keeps growing between the reads of one Get gives up after this.
 constexpr int kMaxGetAttempts = 8;
-// Bytes of delete requests sent in one atomic batch.
+// At most this many deletes, and this many bytes of them, go in one multi request.
+constexpr std::size_t kDeletesPerMulti = 100;
 constexpr std::size_t kDeleteBatchBytes = 256 * 1024;
 
 RequestKind KindOf(Connection::Operation op) {
@@ -533,27 +534,52 @@ int Connection::DeleteAll(const std::vector<String>& paths) const {
     if (UnsendablePath(path)) return CountRequest(RequestKind::kMulti, ZBADARGUMENTS);
   }
 
-  const auto session = m_impl->Current();
+  // Small multis, all in flight together: the server works on several at once, while one big
+  // multi is a single transaction. It applies them in order, so deepest first still holds.
+  struct Multi {
+    std::size_t begin, end;
+    std::vector<zoo_op_t> ops;
+    std::vector<zoo_op_result_t> results;
+  };
+  std::vector<Multi> multis;
   for (std::size_t begin = 0; begin < paths.size();) {
     std::size_t end = begin;
-    for (std::size_t bytes = 0; end < paths.size() && bytes < kDeleteBatchBytes; ++end) {
+    for (std::size_t bytes = 0;
+         end < paths.size() && end - begin < kDeletesPerMulti && bytes < kDeleteBatchBytes; ++end) {
       bytes += paths[end].size() + 32;
     }
-    std::vector<zoo_op_t> ops(end - begin);
-    std::vector<zoo_op_result_t> results(end - begin);
+    Multi& multi = multis.emplace_back(Multi{begin, end, std::vector<zoo_op_t>(end - begin),
+                                             std::vector<zoo_op_result_t>(end - begin)});
     for (std::size_t i = begin; i < end; ++i) {
-      zoo_delete_op_init(&ops[i - begin], paths[i].c_str(), -1);
-    }
-    const int rc = CountRequest(
-        RequestKind::kMulti,
-        zoo_multi(session->zh, static_cast<int>(ops.size()), ops.data(), results.data()));
-    if (IsSessionFailure(rc)) return rc;
-    // A batch is all or nothing: when one node of it was already gone or got
-    // a new child, delete its nodes one by one to learn which.
-    if (rc != ZOK) {
-      if (const int failed = deleteOneByOne(begin, end); failed != ZOK) return failed;
+      zoo_delete_op_init(&multi.ops[i - begin], paths[i].c_str(), -1);
     }
     begin = end;
+  }
+  std::vector<int> results(multis.size(), ZOK);
+  const auto session = m_impl->Current();
+  if (details::OnEventThread()) {
+    for (std::size_t m = 0; m < multis.size(); ++m) {
+      results[m] = zoo_multi(session->zh, static_cast<int>(multis[m].ops.size()),
+                             multis[m].ops.data(), multis[m].results.data());
+    }
+  } else {
+    RunPipelined(results, [&](std::size_t m, AsyncSlot& slot) -> std::optional<int> {
+      return Submitted(zoo_amulti(
+          session->zh, static_cast<int>(multis[m].ops.size()), multis[m].ops.data(),
+          multis[m].results.data(),
+          [](int rc, const void* data) { AsyncSlot::From(data).Complete(rc); }, &slot));
+    });
+  }
+  CountEach(RequestKind::kMulti, results);
+  for (std::size_t m = 0; m < multis.size(); ++m) {
+    if (IsSessionFailure(results[m])) return results[m];
+    // A multi is all or nothing: when one node of it was already gone or got a new child (and
+    // so the multis after it that hold its ancestors), delete its nodes one by one.
+    if (results[m] != ZOK) {
+      if (const int failed = deleteOneByOne(multis[m].begin, multis[m].end); failed != ZOK) {
+        return failed;
+      }
+    }
   }
   return ZOK;
 }

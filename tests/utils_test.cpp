@@ -399,6 +399,24 @@ TEST_F(UtilsTest, GetChildrenAllReturnsOneCodeAndListPerPath) {
   EXPECT_TRUE(children[2].empty());
 }
 
+TEST_F(UtilsTest, DeleteAllOfManyNodesRedoesOnlyTheMultisThatFailed) {
+  // 250 children and their parent go in three multis sent together. The first fails (a node of
+  // it is gone), so the third, which holds the parent, fails too (not empty); both are redone
+  // one node at a time, in order.
+  const std::string d = base + "/many";
+  std::vector<Connection::CreateRequest> nodes{{d, "", 0}};
+  std::vector<std::string> paths;
+  for (int i = 0; i < 250; ++i) {
+    nodes.push_back({d + "/c" + std::to_string(i), "", 0});
+    paths.push_back(nodes.back().path);
+  }
+  ASSERT_EQ(std::vector<int>(nodes.size(), ZOK), conn->CreateAll(nodes, kAcl));
+  paths.insert(paths.begin() + 1, d + "/gone");
+  paths.push_back(d);
+  EXPECT_EQ(ZOK, conn->DeleteAll(paths));
+  EXPECT_EQ(ZNONODE, Exists(d));
+}
+
 TEST_F(UtilsTest, DeleteAllDeletesChildrenFirstAndSkipsMissingNodes) {
   const std::string d = base + "/d";
   ASSERT_EQ(std::vector<int>(3, ZOK),

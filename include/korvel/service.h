@@ -89,7 +89,7 @@ class Service : public std::enable_shared_from_this<Service>, public ConnectionO
   // Deletes, with their subtrees, the data nodes of type `stype` (already
   // normalised) that have no liveness node: the leftovers of crashed
   // instances. Two listings plus one recursive delete per leftover, those of
-  // up to 256 leftovers with their requests in flight together (see
+  // up to 10,000 leftovers with their requests in flight together (see
   // RecursiveDeleteAll). Throws KorvelError for the type "alive" or one below
   // it, as the constructor does.
   void CleanupCrashedApps(String stype);
