@@ -7,6 +7,7 @@
 #include <mutex>
 #include <random>
 #include <set>
+#include <stdexcept>
 #include <thread>
 
 #include "korvel/tree.h"
@@ -70,11 +71,13 @@ CachedInstancePtr ServiceSnapshot::Find(const ServiceId& id) const {
 
 class ServiceCache::Impl : public ConnectionObserver, public std::enable_shared_from_this<Impl> {
  public:
-  Impl(std::shared_ptr<Connection> conn, const String& type, Selection selection)
+  Impl(std::shared_ptr<Connection> conn, const String& type, Selection selection,
+       std::chrono::milliseconds listingWindow)
       : m_conn(std::move(conn)),
         m_type(NormalizePath(type)),
         m_aliveDir(tree::AliveDir(m_type)),
         m_selection(selection),
+        m_listingWindow(listingWindow),
         m_published(std::make_shared<const ServiceSnapshot>()) {}
 
   ~Impl() override = default;
@@ -285,7 +288,7 @@ class ServiceCache::Impl : public ConnectionObserver, public std::enable_shared_
   std::optional<Clock::time_point> NextDeadline() const {
     std::optional<Clock::time_point> next;
     for (const auto& candidate :
-         {m_retryAt, m_staleAt,
+         {m_retryAt, m_staleAt, m_listingDue,
           m_followUps.empty() ? std::nullopt : std::optional(m_followUps.begin()->first)}) {
       if (candidate && (!next || *candidate < *next)) next = candidate;
     }
@@ -308,12 +311,17 @@ class ServiceCache::Impl : public ConnectionObserver, public std::enable_shared_
       m_retryAt.reset();
       List(m_retryFull);
     }
+    if (m_listingDue && now >= *m_listingDue) List(false);
   }
 
   void Handle(const Task& task) {
     switch (task.kind) {
       case Task::kList:
-        List(task.full);
+        if (!task.full && m_listedAt && Clock::now() < *m_listedAt + m_listingWindow) {
+          m_listingDue = *m_listedAt + m_listingWindow;
+        } else {
+          List(task.full);
+        }
         break;
       case Task::kRead:
         Reread({task.id});
@@ -375,6 +383,8 @@ class ServiceCache::Impl : public ConnectionObserver, public std::enable_shared_
   // Lists the live instances, drops those that left and reads those that
   // came (all of them when `full`).
   void List(bool full) {
+    m_listedAt = Clock::now();
+    m_listingDue.reset();
     std::vector<String> children;
     auto [rc, handle] = m_conn->GetChildren(m_aliveDir, children, ListCallback());
     if (rc == ZNONODE) {
@@ -584,6 +594,7 @@ class ServiceCache::Impl : public ConnectionObserver, public std::enable_shared_
   const String m_type;
   const String m_aliveDir;
   const Selection m_selection;
+  const std::chrono::milliseconds m_listingWindow;
   const std::uint64_t m_id = g_nextCacheId++;
 
   // Owned by the cache's thread.
@@ -594,6 +605,8 @@ class ServiceCache::Impl : public ConnectionObserver, public std::enable_shared_
   bool m_expired = false;
   std::optional<Clock::time_point> m_staleAt;
   std::optional<Clock::time_point> m_retryAt;
+  std::optional<Clock::time_point> m_listedAt;    // the last listing's start
+  std::optional<Clock::time_point> m_listingDue;  // a change waits for the window's end
   std::multimap<Clock::time_point, ServiceId> m_followUps;
   bool m_retryFull = false;
   std::chrono::milliseconds m_retryDelay{0};
@@ -621,8 +634,10 @@ class ServiceCache::Impl : public ConnectionObserver, public std::enable_shared_
 };
 
 ServiceCache::ServiceCache(std::shared_ptr<Connection> conn, const String& type,
-                           Selection selection)
-    : m_impl(std::make_shared<Impl>(std::move(conn), type, selection)) {}
+                           Selection selection, std::chrono::milliseconds listingWindow)
+    : m_impl(std::make_shared<Impl>(std::move(conn), type, selection, listingWindow)) {
+  if (listingWindow.count() < 0) throw std::invalid_argument("negative listing window");
+}
 
 ServiceCache::~ServiceCache() {
   m_impl->Stop();

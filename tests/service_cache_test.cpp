@@ -456,13 +456,18 @@ TEST_F(ServiceCacheTest, SnapshotsAreSharedAndImmutable) {
 
 // Registrations, teardowns, crashes and status changes in random order: the
 // final snapshot equals the tree read afresh, and the events applied to the
-// first snapshot give the last.
-TEST_F(ServiceCacheTest, RandomChangesAreReportedExactly) {
+// first snapshot give the last; also when the cache coalesces its listings.
+class ServiceCacheRandomTest : public ServiceCacheTest,
+                               public ::testing::WithParamInterface<std::chrono::milliseconds> {};
+
+INSTANTIATE_TEST_SUITE_P(ListingWindows, ServiceCacheRandomTest, ::testing::Values(0ms, 150ms));
+
+TEST_P(ServiceCacheRandomTest, RandomChangesAreReportedExactly) {
   std::mt19937 random(20261122);
   std::vector<std::shared_ptr<Service>> services;
   std::vector<std::shared_ptr<Connection>> crashable;
   for (int i = 0; i < 3; ++i) services.push_back(Register("s" + std::to_string(i)));
-  ServiceCache cache(conn, type);
+  ServiceCache cache(conn, type, ServiceCache::Selection::kRoundRobin, GetParam());
   Recorder recorder(cache);
   cache.Start();
   ASSERT_TRUE(cache.WaitUntilCurrent(10000ms));
@@ -502,6 +507,39 @@ TEST_F(ServiceCacheTest, RandomChangesAreReportedExactly) {
       20000ms));
   EXPECT_TRUE(
       WaitUntil([&] { return recorder.Instances() == ModelOf(*cache.Snapshot()); }, 5000ms));
+}
+
+// With a listing window, a burst of registrations costs the cache at most one
+// listing per window, plus the one that the first change after a quiet spell
+// causes at once, and the cache still ends equal to the tree.
+TEST_F(ServiceCacheTest, AListingWindowCoalescesTheListingsOfABurst) {
+  constexpr auto kWindow = 500ms;
+  auto cacheConn = Connect(SharedServer().ConnectString());
+  ServiceCache cache(cacheConn, type, ServiceCache::Selection::kRoundRobin, kWindow);
+  cache.Start();
+  ASSERT_TRUE(cache.WaitUntilCurrent(10000ms));
+  auto listings = std::make_shared<std::atomic<int>>(0);
+  const std::string alive = tree::AliveDir(type);
+  cacheConn->SetFaultInjector(
+      [listings, alive](Connection::Operation op, const std::string& path) -> std::optional<int> {
+        if (op == Connection::Operation::GetChildren && path == alive) ++*listings;
+        return std::nullopt;
+      });
+  const auto start = std::chrono::steady_clock::now();
+  std::vector<std::shared_ptr<Service>> services;
+  for (int i = 0; i < 40; ++i) services.push_back(Register("b" + std::to_string(i)));
+  ASSERT_TRUE(WaitUntil(
+      [&] {
+        const auto snapshot = cache.Snapshot();
+        return snapshot->instances.size() == 40 && ModelOf(*snapshot) == ReadTree(*conn, type);
+      },
+      20000ms));
+  const auto elapsed = std::chrono::steady_clock::now() - start;
+  cacheConn->SetFaultInjector(nullptr);
+  EXPECT_GE(listings->load(), 1);
+  EXPECT_LE(listings->load(), 2 + elapsed / kWindow) << "in " << (elapsed / 1ms) << " ms";
+  EXPECT_THROW(ServiceCache(conn, type, ServiceCache::Selection::kRoundRobin, -1ms),
+               std::invalid_argument);
 }
 
 // The cache keeps one child watch for the type and one data watch per

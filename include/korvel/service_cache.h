@@ -10,13 +10,12 @@
 //
 // Threads: Snapshot() and Pick() may be called from any thread and make no
 // request; Snapshot() takes a short lock only the first time a thread asks
-// after a change, and Pick() with kSticky takes one to remember its choice. The cache does its reading on a thread of its own,
-// which also calls the listeners, one event at a time and in the order the
-// tree changed as far as ZooKeeper tells. Every other member may be called
-// from any thread too, including a listener and the connection's event thread
-// (a watch callback or session observer); there Stop, the destructor and
-// RemoveListener do not wait for the cache's thread, which may be waiting for
-// that very thread, and WaitUntilCurrent does not wait at all.
+// after a change, and Pick() with kSticky takes one to remember its choice. The cache does its
+// reading on a thread of its own, which also calls the listeners, one event at a time and in the
+// order the tree changed as far as ZooKeeper tells. Every other member may be called from any
+// thread too, including a listener and the connection's event thread (a watch callback or session
+// observer); there Stop, the destructor and RemoveListener do not wait for the cache's thread,
+// which may be waiting for that very thread, and WaitUntilCurrent does not wait at all.
 #pragma once
 
 #include <chrono>
@@ -81,8 +80,18 @@ class ServiceCache {
 
   // A cache of the service type `type` (normalised with NormalizePath); it
   // reads nothing until Start().
+  //
+  // `listingWindow` coalesces the listings that registrations and teardowns
+  // cause: a change seen within the window after the last listing is listed
+  // at the window's end, together with every change made until then (the
+  // child watch is set again only by a listing). A type whose instances come
+  // and go R times a second then costs at most min(R, 1 s / window) listings
+  // a second per cache, and an added or removed instance is seen up to one
+  // window later. Zero lists at once after every change. Attribute changes
+  // are not delayed. Throws std::invalid_argument for a negative window.
   ServiceCache(std::shared_ptr<Connection> conn, const String& type,
-               Selection selection = Selection::kRoundRobin);
+               Selection selection = Selection::kRoundRobin,
+               std::chrono::milliseconds listingWindow = std::chrono::milliseconds(0));
   // Stops the cache, as Stop() does.
   ~ServiceCache();
   ServiceCache(const ServiceCache&) = delete;
