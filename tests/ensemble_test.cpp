@@ -198,5 +198,63 @@ TEST_F(EnsembleTest, CacheFollowsChangesThroughFailover) {
       WaitUntil([&] { return cache.Pick() && cache.Pick()->id == first->GetId(); }, 20000ms));
 }
 
+// Read replicas: caches connected only to observers see every change, also while the leader
+// is gone and after it is back.
+TEST(EnsembleObserverTest, CachesOnObserversFollowEveryChangeThroughTheLossOfTheLeader) {
+  ZooKeeperEnsemble ensemble(3, 100, 1);
+  LogCapture capture;
+  ASSERT_NE(std::string::npos,
+            FourLetterWord(ensemble.ClientPort(3), "srvr", 5000ms).find("Mode: observer"));
+  auto writer = Connect(ensemble.ConnectString(), 6000ms);
+  auto reader = Connect(ensemble.ObserverConnectString(), 6000ms);
+  const std::string type = UniqueName("observed");
+  std::vector<std::shared_ptr<qx::korvel::Service>> services;
+  std::unique_ptr<qx::korvel::ServiceCache> cache;
+  const auto registerOne = [&] {
+    return WaitUntil(
+        [&] {
+          try {
+            services.push_back(std::make_shared<qx::korvel::Service>(writer, type, "observed"));
+            return true;
+          } catch (const qx::korvel::KorvelError&) {
+            return false;  // no leader yet
+          }
+        },
+        30000ms);
+  };
+  // The cache's snapshot holds exactly the registered services, each with status `status`.
+  const auto follows = [&](const std::string& status) {
+    return WaitUntil(
+        [&] {
+          const auto snapshot = cache->Snapshot();
+          if (!snapshot->current || snapshot->instances.size() != services.size()) return false;
+          for (const auto& service : services) {
+            const auto found = snapshot->Find(service->GetId());
+            if (!found || !found->Attribute("status") || *found->Attribute("status") != status) {
+              return false;
+            }
+          }
+          return true;
+        },
+        30000ms);
+  };
+  ASSERT_TRUE(registerOne());
+  cache = std::make_unique<qx::korvel::ServiceCache>(reader, type);
+  cache->Start();
+  ASSERT_TRUE(follows("down"));
+
+  const int leader = ensemble.Leader();
+  ASSERT_GE(leader, 0);
+  ensemble.Kill(leader);
+  ASSERT_TRUE(registerOne());  // once the two left have elected a leader
+  services.erase(services.begin());
+  ASSERT_TRUE(follows("down")) << "while the old leader is gone";
+  ensemble.Start(leader);
+  ensemble.WaitForQuorum(30000ms);
+  ASSERT_TRUE(registerOne());
+  for (const auto& service : services) service->SetStatus(qx::korvel::Service::UP);
+  EXPECT_TRUE(follows("up")) << "after the old leader is back";
+}
+
 }  // namespace
 }  // namespace korvel::test

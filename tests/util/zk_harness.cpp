@@ -91,12 +91,13 @@ bool ZooKeeperServer::IsServing() const {
 
 // ---- ZooKeeperEnsemble ----
 
-ZooKeeperEnsemble::ZooKeeperEnsemble(int members, int tickTimeMs) {
+ZooKeeperEnsemble::ZooKeeperEnsemble(int members, int tickTimeMs, int observers) {
   if (members < 1) throw std::invalid_argument("ZooKeeperEnsemble needs at least one member");
   std::vector<zklocal::ServerProcess*> servers;
-  for (int i = 0; i < members; ++i) {
+  for (int i = 0; i < members + observers; ++i) {
     m_members.push_back(
-        {std::make_unique<zklocal::ServerProcess>(i + 1, tickTimeMs, zklocal::Jit::kQuickStart)});
+        {std::make_unique<zklocal::ServerProcess>(i + 1, tickTimeMs, zklocal::Jit::kQuickStart),
+         false, i >= members});
     servers.push_back(m_members.back().server.get());
   }
   // Limits in ticks: ~10 s for a follower's initial sync, ~2 s of silence before a peer is
@@ -116,9 +117,13 @@ ZooKeeperEnsemble::ZooKeeperEnsemble(int members, int tickTimeMs) {
       clientPorts.push_back(*next++);
       const int peer = *next++;
       const int election = *next++;
-      quorum << "server." << i + 1 << "=127.0.0.1:" << peer << ":" << election << "\n";
+      quorum << "server." << i + 1 << "=127.0.0.1:" << peer << ":" << election
+             << (m_members[i].observer ? ":observer" : "") << "\n";
     }
-    for (size_t i = 0; i < servers.size(); ++i) servers[i]->Configure(clientPorts[i], quorum.str());
+    for (size_t i = 0; i < servers.size(); ++i) {
+      servers[i]->Configure(clientPorts[i],
+                            quorum.str() + (m_members[i].observer ? "peerType=observer\n" : ""));
+    }
   };
   zklocal::StartServing(servers, kMemberStart, configure);
 }
@@ -131,8 +136,17 @@ ZooKeeperEnsemble::~ZooKeeperEnsemble() {
 }
 
 std::string ZooKeeperEnsemble::ConnectString() const {
+  return Hosts(false);
+}
+
+std::string ZooKeeperEnsemble::ObserverConnectString() const {
+  return Hosts(true);
+}
+
+std::string ZooKeeperEnsemble::Hosts(bool observersOnly) const {
   std::string hosts;
   for (const auto& member : m_members) {
+    if (observersOnly && !member.observer) continue;
     hosts += (hosts.empty() ? "" : ",") + std::string("127.0.0.1:") +
              std::to_string(member.server->Port());
   }

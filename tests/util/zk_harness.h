@@ -55,12 +55,15 @@ class ZooKeeperServer : public zklocal::ZooKeeperServer {
 class ZooKeeperEnsemble {
  public:
   // Starts all members and waits (bounded) until every member serves; throws on failure.
-  explicit ZooKeeperEnsemble(int members = 3, int tickTimeMs = 100);
+  // `observers` more members follow the quorum without voting (read replicas); their indexes
+  // come after those of the voting members.
+  explicit ZooKeeperEnsemble(int members = 3, int tickTimeMs = 100, int observers = 0);
   ~ZooKeeperEnsemble();  // Stops all members and removes their directories.
   ZooKeeperEnsemble(const ZooKeeperEnsemble&) = delete;
   ZooKeeperEnsemble& operator=(const ZooKeeperEnsemble&) = delete;
 
-  std::string ConnectString() const;  // "127.0.0.1:P1,127.0.0.1:P2,..."
+  std::string ConnectString() const;          // "127.0.0.1:P1,127.0.0.1:P2,..."
+  std::string ObserverConnectString() const;  // the observers only
   int Size() const;
   int ClientPort(int i) const;
 
@@ -79,9 +82,12 @@ class ZooKeeperEnsemble {
   void WaitForQuorum(std::chrono::milliseconds timeout);
 
  private:
+  std::string Hosts(bool observersOnly) const;
+
   struct Member {
     std::unique_ptr<zklocal::ServerProcess> server;
     bool paused = false;
+    bool observer = false;
     std::string Mode() const { return paused ? "" : server->Mode(); }
   };
   std::vector<Member> m_members;
