@@ -3,6 +3,8 @@
 // the floors, and the report (a table on stdout, rows as JSON for bench_report).
 #pragma once
 
+#include <sys/types.h>
+#include <unistd.h>
 #include <zookeeper/zookeeper.h>
 
 #include <algorithm>
@@ -11,7 +13,9 @@
 #include <condition_variable>
 #include <cstdio>
 #include <fstream>
+#include <iterator>
 #include <mutex>
+#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -19,6 +23,7 @@
 
 #include <korvel/connection_v2.h>
 #include <korvel/service_id.h>
+#include <korvel/tree.h>
 #include <stlext/uuid.h>
 #include <nlohmann/json.hpp>
 
@@ -80,6 +85,30 @@ double Median(const std::vector<std::array<double, N>>& samples, std::size_t i) 
   std::vector<double> column;
   for (const auto& sample : samples) column.push_back(sample[i]);
   return Median(column);
+}
+
+// ---- Processes --------------------------------------------------------------
+
+// Resident memory (bytes) of process `pid`.
+inline double ResidentBytes(pid_t pid) {
+  std::ifstream status("/proc/" + std::to_string(pid) + "/status");
+  for (std::string line; std::getline(status, line);) {
+    if (line.rfind("VmRSS:", 0) == 0) return std::stod(line.substr(6)) * 1024;
+  }
+  throw std::runtime_error("no VmRSS for process " + std::to_string(pid));
+}
+
+// CPU seconds (user and system) of process `pid`, all its threads; with `reapedChildren`, those
+// of the children that it has reaped instead.
+inline double CpuSeconds(pid_t pid, bool reapedChildren = false) {
+  std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
+  const std::string text((std::istreambuf_iterator<char>(stat)), std::istreambuf_iterator<char>());
+  std::istringstream fields(text.substr(text.rfind(')') + 2));
+  std::vector<std::string> values{"", "", ""};  // fields 1 and 2 are before the name's end
+  for (std::string field; fields >> field;) values.push_back(field);
+  const std::size_t user = reapedChildren ? 16 : 14;  // utime, stime; cutime, cstime
+  return (std::stod(values.at(user)) + std::stod(values.at(user + 1))) /
+         static_cast<double>(sysconf(_SC_CLK_TCK));
 }
 
 // ---- Arguments ------------------------------------------------------------
@@ -303,6 +332,28 @@ inline void CreateBatched(const qx::korvel::Connection& conn,
         nodes.begin() + static_cast<std::ptrdiff_t>(std::min(nodes.size(), begin + kBatch)));
     for (int rc : conn.CreateAll(batch, ZOO_OPEN_ACL_UNSAFE)) Check(rc, "create");
   }
+}
+
+// The data node of instance `id` (canonical text) of `type`.
+inline std::string DataPath(const std::string& type, const std::string& id) {
+  qx::korvel::ServiceId parsed;
+  qx::uuid::from_string(id, parsed);
+  return qx::korvel::tree::DataPath(type, parsed);
+}
+
+// The nodes of instance `id` of `type` as registration leaves them, parents first: the data
+// node, every own attribute ("up" as status), the liveness node. All persistent, so that they
+// outlive the session that writes them.
+inline std::vector<qx::korvel::Connection::CreateRequest> InstanceNodes(const std::string& type,
+                                                                        const std::string& id) {
+  namespace tree = qx::korvel::tree;
+  const std::string root = DataPath(type, id);
+  std::vector<qx::korvel::Connection::CreateRequest> nodes{{root, "", 0}};
+  for (std::size_t a = 0; a < tree::kOwnAttributeCount; ++a) {
+    nodes.push_back({root + "/" + tree::kOwnAttributeNames[a], a == tree::kStatus ? "up" : "x", 0});
+  }
+  nodes.push_back({tree::AliveDir(type) + "/" + id, "", 0});
+  return nodes;
 }
 
 // ---- A bare C-client session: the floors -----------------------------------

@@ -39,12 +39,6 @@ const std::vector<const char*> kAttributes(std::begin(tree::kOwnAttributeNames),
                                            std::end(tree::kOwnAttributeNames));
 const char* const kStatus = tree::kOwnAttributeNames[tree::kStatus];
 
-std::string DataPath(const std::string& type, const std::string& id) {
-  qx::korvel::ServiceId parsed;
-  qx::uuid::from_string(id, parsed);
-  return tree::DataPath(type, parsed);
-}
-
 // Writes `count` instances of `type` as registration would leave them, with
 // every request of a batch in flight.
 void Populate(const Connection& conn, const std::string& type, int count) {
@@ -52,13 +46,7 @@ void Populate(const Connection& conn, const std::string& type, int count) {
   qx::korvel::EnsurePath(conn, tree::DataDir(type), false, ZOO_OPEN_ACL_UNSAFE);
   std::vector<Connection::CreateRequest> nodes;
   for (int i = 0; i < count; ++i) {
-    const std::string id = NewId();
-    const std::string root = DataPath(type, id);
-    nodes.push_back({root, "", 0});
-    for (const char* attribute : kAttributes) {
-      nodes.push_back({root + "/" + attribute, attribute == kStatus ? "up" : "x", 0});
-    }
-    nodes.push_back({tree::AliveDir(type) + "/" + id, "", 0});
+    for (auto& node : InstanceNodes(type, NewId())) nodes.push_back(std::move(node));
   }
   CreateBatched(conn, nodes);
 }

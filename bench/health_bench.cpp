@@ -62,31 +62,6 @@ class HealthEndpoint {
   std::thread m_thread;
 };
 
-// Resident memory (bytes) of process `pid`.
-double ResidentBytes(pid_t pid) {
-  std::ifstream status("/proc/" + std::to_string(pid) + "/status");
-  for (std::string line; std::getline(status, line);) {
-    if (line.rfind("VmRSS:", 0) == 0) return std::stod(line.substr(6)) * 1024;
-  }
-  throw std::runtime_error("no VmRSS for process " + std::to_string(pid));
-}
-
-// CPU seconds of process `pid` itself and of its children that it has reaped.
-std::pair<double, double> CpuSeconds(pid_t pid) {
-  std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
-  std::string text((std::istreambuf_iterator<char>(stat)), std::istreambuf_iterator<char>());
-  std::istringstream fields(text.substr(text.rfind(')') + 2));
-  std::vector<std::string> values{"", "", ""};  // fields 1 and 2 are before the name's end
-  for (std::string field; fields >> field;) values.push_back(field);
-  const double tick = static_cast<double>(sysconf(_SC_CLK_TCK));
-  const auto seconds = [&](int a, int b) {
-    return (std::stod(values.at(static_cast<std::size_t>(a))) +
-            std::stod(values.at(static_cast<std::size_t>(b)))) /
-           tick;
-  };
-  return {seconds(14, 15), seconds(16, 17)};  // utime + stime, cutime + cstime
-}
-
 // Waits until the node holds `value`, through data watches; the moment the
 // watch that showed it fired (or now, if it held it at once).
 Clock::time_point WaitForValue(Connection& conn, const std::string& path,
@@ -151,14 +126,14 @@ void SidecarCost(const Args& args, std::vector<Row>& rows) {
   Progress("health: the sidecar's cost over %d s", seconds);
   const pid_t pid = sidecar.Pid();
   double peak = ResidentBytes(pid);
-  const auto [ownBefore, childrenBefore] = CpuSeconds(pid);
+  const double ownBefore = CpuSeconds(pid), childrenBefore = CpuSeconds(pid, true);
   const auto start = Clock::now();
   while (Clock::now() - start < std::chrono::seconds(seconds)) {
     std::this_thread::sleep_for(1s);
     peak = std::max(peak, ResidentBytes(pid));
   }
   const double elapsed = Seconds(Clock::now() - start);
-  const auto [ownAfter, childrenAfter] = CpuSeconds(pid);
+  const double ownAfter = CpuSeconds(pid), childrenAfter = CpuSeconds(pid, true);
   sidecar.Stop(10s);
   const double own = 100 * (ownAfter - ownBefore) / elapsed;
   const double commands = 100 * (childrenAfter - childrenBefore) / elapsed;

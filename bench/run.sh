@@ -101,6 +101,7 @@ run cache "$bin/cache_bench" "$hosts" "${quick[@]}" --korvel "$build/tools/korve
 run memory "$bin/memory_bench" "$hosts" "${quick[@]}"
 run health "$bin/health_bench" "$hosts" "${quick[@]}" --korvel "$build/tools/korvel"
 run serve "$bin/serve_bench" "$hosts" "${quick[@]}" --korvel "$build/tools/korvel"
+run fanout "$bin/fanout_bench" "${quick[@]}"  # a server of its own, for its CPU time
 "$bin/bench_report" --json "$json" "${markdown[@]}" --hosts "$hosts" --server "$server_text" \
-  --load-before "$load_before" "$work"/{micro,registry,cache,memory,health,serve}.json
+  --load-before "$load_before" "$work"/{micro,registry,cache,memory,health,serve,fanout}.json
 echo "written to $json" >&2

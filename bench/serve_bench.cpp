@@ -88,26 +88,6 @@ std::string TakeProblems() {
 
 // ---- The processes ------------------------------------------------------------------------
 
-// Resident memory (bytes) of process `pid`.
-double ResidentBytes(pid_t pid) {
-  std::ifstream status("/proc/" + std::to_string(pid) + "/status");
-  for (std::string line; std::getline(status, line);) {
-    if (line.rfind("VmRSS:", 0) == 0) return std::stod(line.substr(6)) * 1024;
-  }
-  throw std::runtime_error("no VmRSS for process " + std::to_string(pid));
-}
-
-// CPU seconds (user and system) of process `pid`, all its threads.
-double CpuSeconds(pid_t pid) {
-  std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
-  const std::string text((std::istreambuf_iterator<char>(stat)), std::istreambuf_iterator<char>());
-  std::istringstream fields(text.substr(text.rfind(')') + 2));
-  std::vector<std::string> values{"", "", ""};  // fields 1 and 2 are before the name's end
-  for (std::string field; fields >> field;) values.push_back(field);
-  return (std::stod(values.at(14)) + std::stod(values.at(15))) /
-         static_cast<double>(sysconf(_SC_CLK_TCK));
-}
-
 // CPU seconds of this process, all its threads.
 double OwnCpuSeconds() {
   rusage usage{};
