@@ -1,10 +1,13 @@
-// Many readers of one big type: W ServiceCaches, on W/10 and on W connections, of a type with N
-// instances while instances are registered and torn down R times a second, without and with a
-// listing window, side by side on a ZooKeeper server of this program's own (full JIT):
+// Many readers of one big type: W ServiceCaches of a type with N instances while instances are
+// registered and torn down R times a second, without and with a listing window, side by side on
+// ZooKeeper servers of this program's own (full JIT): on one server with the caches on W/10 and
+// on W connections, then on a 3-member ensemble with the caches on W/10 connections to an
+// observer. For each run:
 // - convergence: from each change until every cache has reported it, 99th percentile;
 // - the listings of the type by all caches per second, against W x min(R, 1 s / window) (plus
 //   one per cache and run: the first change of a run is listed at once);
-// - the server's CPU time (user + system of its JVM, from /proc) per change.
+// - the CPU time (user + system, from /proc) per change of the servers that take the writes and
+//   of the observer.
 //
 // Every run ends by checking that each cache holds exactly the live instances.
 //
@@ -28,6 +31,7 @@
 #include <thread>
 
 #include "bench_util.h"
+#include "util/zk_harness.h"
 #include "zklocal/zklocal.h"
 
 using namespace std::chrono_literals;
@@ -86,10 +90,24 @@ class Changes {
   std::map<std::pair<std::string, bool>, Change> m_changes;
 };
 
+// The server JVMs whose CPU time a run measures: those that take the writes (the standalone
+// server, or the voting members) and the observers that serve the readers, if any.
+struct Servers {
+  std::vector<pid_t> voting;
+  std::vector<pid_t> observers;
+};
+
+double TotalCpuSeconds(const std::vector<pid_t>& pids) {
+  double sum = 0;
+  for (const pid_t pid : pids) sum += CpuSeconds(pid);
+  return sum;
+}
+
 struct Result {
   double p99 = 0;  // seconds
   double listingsPerSecond = 0;
-  double cpuPerChange = 0;  // seconds of server CPU
+  double votingCpuPerChange = 0;    // seconds of CPU of the voting servers
+  double observerCpuPerChange = 0;  // seconds of CPU of the observers
   int changes = 0;
 };
 
@@ -109,8 +127,9 @@ bool SnapshotsEqual(const std::vector<std::unique_ptr<ServiceCache>>& views,
 
 // One run: fresh caches of `type`, then `seconds` of changes at `rate` per second, alternately
 // registering a new instance and tearing down one that was live before the run (so every change
-// is one that each cache must report). `present` holds the live instances.
-Result Run(const std::string& hosts, const Connection& writer, pid_t server,
+// is one that each cache must report). The caches connect to `hosts`; `present` holds the live
+// instances.
+Result Run(const std::string& hosts, const Connection& writer, const Servers& servers,
            const std::string& type, std::vector<std::string>& present, int caches, int connections,
            int rate, int seconds, std::chrono::milliseconds window) {
   std::vector<std::shared_ptr<Connection>> conns;
@@ -145,7 +164,8 @@ Result Run(const std::string& hosts, const Connection& writer, pid_t server,
   std::mt19937 random(7);
   std::vector<std::string> removable = present;
   const long listingsBefore = listings->load();
-  const double cpuBefore = CpuSeconds(server);
+  const double votingBefore = TotalCpuSeconds(servers.voting);
+  const double observersBefore = TotalCpuSeconds(servers.observers);
   const auto start = Clock::now();
   int made = 0;
   for (; made < rate * seconds; ++made) {
@@ -171,7 +191,8 @@ Result Run(const std::string& hosts, const Connection& writer, pid_t server,
   korvel::zklocal::WaitUntil([&] { return changes.AllReported(); }, 60s, 10ms);
   const long listed = listings->load() - listingsBefore;
   Result result;
-  result.cpuPerChange = (CpuSeconds(server) - cpuBefore) / made;
+  result.votingCpuPerChange = (TotalCpuSeconds(servers.voting) - votingBefore) / made;
+  result.observerCpuPerChange = (TotalCpuSeconds(servers.observers) - observersBefore) / made;
   result.p99 = changes.P99(60);
   result.listingsPerSecond = static_cast<double>(listed) * rate / made;
   result.changes = made;
@@ -181,59 +202,101 @@ Result Run(const std::string& hosts, const Connection& writer, pid_t server,
   return result;
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
-  const Args args(argc, argv, false);
-  const int instances = args.Int("instances", 10000, 200);
-  const int caches = args.Int("caches", 100, 10);
-  const int rate = args.Int("rate", 20, 20);
-  const int seconds = args.Int("seconds", 10, 2);
-  const auto window = std::chrono::milliseconds(args.Int("window", 250, 250));
-  qx::logging::SetMinimumLoggingLevel(qx::logging::QXLOG_WARNING);
-
-  korvel::zklocal::ZooKeeperServer server(100, korvel::zklocal::Jit::kFullJit);
-  const std::string hosts = server.ConnectString();
-  auto populator = std::make_shared<Connection>(hosts, 30s);
+// Writes `instances` instances of a new type; returns the type.
+std::string Populate(const Connection& writer, int instances, std::vector<std::string>& present) {
   const std::string type = UniqueType();
   Progress("fanout: populating %d instances", instances);
-  qx::korvel::EnsurePath(*populator, tree::DataDir(type), false, ZOO_OPEN_ACL_UNSAFE);
-  qx::korvel::EnsurePath(*populator, tree::AliveDir(type), false, ZOO_OPEN_ACL_UNSAFE);
+  qx::korvel::EnsurePath(writer, tree::DataDir(type), false, ZOO_OPEN_ACL_UNSAFE);
+  qx::korvel::EnsurePath(writer, tree::AliveDir(type), false, ZOO_OPEN_ACL_UNSAFE);
   std::vector<Connection::CreateRequest> nodes;
-  std::vector<std::string> present;  // the live instances
   for (int i = 0; i < instances; ++i) {
     present.push_back(NewId());
     for (auto& node : InstanceNodes(type, present.back())) nodes.push_back(std::move(node));
   }
-  CreateBatched(*populator, nodes);
+  CreateBatched(writer, nodes);
+  return type;
+}
 
-  std::vector<Row> rows;
-  for (const int connections : {std::max(1, caches / 10), caches}) {
-    for (const auto w : {0ms, window}) {
-      Progress("fanout: %d caches on %d connections, window %d ms, %d changes/s for %d s", caches,
-               connections, static_cast<int>(w.count()), rate, seconds);
-      const Result r = Run(hosts, *populator, server.Pid(), type, present, caches, connections,
-                           rate, seconds, w);
-      const std::string what =
-          std::to_string(caches) + " caches on " + std::to_string(connections) + " connections, " +
-          std::to_string(instances) + " instances, window " + std::to_string(w.count()) + " ms";
-      // A cache lists at most min(R, 1/window) times a second, plus once at the run's start (the
-      // last listing before it is older than the window).
-      const double perCache = w.count() == 0 ? rate : std::min<double>(rate, 1000.0 / w.count());
-      const double bound = caches * (perCache + 1.0 / seconds);
-      char note[256];
-      std::snprintf(
-          note, sizeof note,
-          "%d changes at %d/s; listings %.0f/s (bound W x (min(R, 1/window) + 1/run) = %.0f/s); "
-          "server CPU %.2f ms per change",
-          r.changes, rate, r.listingsPerSecond, bound, r.cpuPerChange * 1e3);
-      rows.emplace_back("fanout: convergence p99, " + what, r.p99 * 1e3, 0, "ms",
-                        ValueAtMost(1000, "ms"), 0, "", note);
-      rows.emplace_back("fanout: listings, " + what, r.listingsPerSecond, 0, "/s",
-                        ValueAtMost(bound, "/s"));
-      rows.emplace_back("fanout: server CPU per change, " + what, r.cpuPerChange * 1e3, 0, "ms",
-                        Goal{});
+struct Load {
+  int instances;
+  int caches;
+  int rate;
+  int seconds;
+};
+
+// Runs `load` with the caches on `connections` connections to `hosts`, without and with
+// `window`, and adds the rows; `where` says which servers serve the caches.
+void Measure(const std::string& hosts, const Connection& writer, const Servers& servers,
+             const std::string& where, const Load& load, int connections,
+             std::chrono::milliseconds window, std::vector<std::string>& present,
+             const std::string& type, std::vector<Row>& rows) {
+  for (const auto w : {0ms, window}) {
+    Progress("fanout: %d caches on %d connections to %s, window %d ms, %d changes/s for %d s",
+             load.caches, connections, where.c_str(), static_cast<int>(w.count()), load.rate,
+             load.seconds);
+    const Result r = Run(hosts, writer, servers, type, present, load.caches, connections, load.rate,
+                         load.seconds, w);
+    const std::string what = std::to_string(load.caches) + " caches on " +
+                             std::to_string(connections) + " connections to " + where + ", " +
+                             std::to_string(load.instances) + " instances, window " +
+                             std::to_string(w.count()) + " ms";
+    // A cache lists at most min(R, 1/window) times a second, plus once at the run's start (the
+    // last listing before it is older than the window).
+    const double perCache =
+        w.count() == 0 ? load.rate : std::min<double>(load.rate, 1000.0 / w.count());
+    const double bound = load.caches * (perCache + 1.0 / load.seconds);
+    char note[320];
+    std::snprintf(note, sizeof note,
+                  "%d changes at %d/s; listings %.0f/s (bound W x (min(R, 1/window) + 1/run) = "
+                  "%.0f/s); CPU per change: voting servers %.2f ms, observers %.2f ms",
+                  r.changes, load.rate, r.listingsPerSecond, bound, r.votingCpuPerChange * 1e3,
+                  r.observerCpuPerChange * 1e3);
+    rows.emplace_back("fanout: convergence p99, " + what, r.p99 * 1e3, 0, "ms",
+                      ValueAtMost(1000, "ms"), 0, "", note);
+    rows.emplace_back("fanout: listings, " + what, r.listingsPerSecond, 0, "/s",
+                      ValueAtMost(bound, "/s"));
+    rows.emplace_back("fanout: voting servers' CPU per change, " + what, r.votingCpuPerChange * 1e3,
+                      0, "ms", Goal{});
+    if (!servers.observers.empty()) {
+      rows.emplace_back("fanout: observers' CPU per change, " + what, r.observerCpuPerChange * 1e3,
+                        0, "ms", Goal{});
     }
+  }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  const Args args(argc, argv, false);
+  const Load load{args.Int("instances", 10000, 200), args.Int("caches", 100, 10),
+                  args.Int("rate", 20, 20), args.Int("seconds", 10, 2)};
+  const auto window = std::chrono::milliseconds(args.Int("window", 250, 250));
+  qx::logging::SetMinimumLoggingLevel(qx::logging::QXLOG_WARNING);
+  std::vector<Row> rows;
+  {
+    korvel::zklocal::ZooKeeperServer server(100, korvel::zklocal::Jit::kFullJit);
+    const Connection writer(server.ConnectString(), 30s);
+    std::vector<std::string> present;
+    const std::string type = Populate(writer, load.instances, present);
+    for (const int connections : {std::max(1, load.caches / 10), load.caches}) {
+      Measure(server.ConnectString(), writer, {{server.Pid()}, {}}, "one server", load, connections,
+              window, present, type, rows);
+    }
+  }
+  {
+    // The writes go to the voting members of a 3-member ensemble, the readers to an observer.
+    korvel::test::ZooKeeperEnsemble ensemble(3, 100, 1, korvel::zklocal::Jit::kFullJit);
+    std::string votingHosts;
+    for (int i = 0; i < 3; ++i) {
+      votingHosts +=
+          (i == 0 ? "" : ",") + std::string("127.0.0.1:") + std::to_string(ensemble.ClientPort(i));
+    }
+    const Connection writer(votingHosts, 30s);
+    std::vector<std::string> present;
+    const std::string type = Populate(writer, load.instances, present);
+    Measure(ensemble.ObserverConnectString(), writer,
+            {{ensemble.Pid(0), ensemble.Pid(1), ensemble.Pid(2)}, {ensemble.Pid(3)}}, "an observer",
+            load, std::max(1, load.caches / 10), window, present, type, rows);
   }
   PrintReport(rows, args.json);
   return 0;

@@ -394,6 +394,10 @@ int main(int argc, char** argv) {
   if (wanted("list")) {
     BenchList(conn, raw, base + "-list1k", args.quick ? 100 : 1000, rounds / 4, rows);
     BenchList(conn, raw, base + "-list10k", args.quick ? 1000 : 10000, rounds / 10, rows);
+    // --big-list N: one more type of N instances (e.g. 100,000), 5 rounds.
+    if (const int big = args.Int("big-list", 0, 0); big > 0) {
+      BenchList(conn, raw, base + "-listbig", big, 5, rows);
+    }
   }
   if (wanted("cleanup")) {
     BenchCleanup(conn, raw, base + "-clean", args.Int("leftovers", 1000, 50),

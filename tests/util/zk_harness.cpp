@@ -91,13 +91,12 @@ bool ZooKeeperServer::IsServing() const {
 
 // ---- ZooKeeperEnsemble ----
 
-ZooKeeperEnsemble::ZooKeeperEnsemble(int members, int tickTimeMs, int observers) {
+ZooKeeperEnsemble::ZooKeeperEnsemble(int members, int tickTimeMs, int observers, zklocal::Jit jit) {
   if (members < 1) throw std::invalid_argument("ZooKeeperEnsemble needs at least one member");
   std::vector<zklocal::ServerProcess*> servers;
   for (int i = 0; i < members + observers; ++i) {
     m_members.push_back(
-        {std::make_unique<zklocal::ServerProcess>(i + 1, tickTimeMs, zklocal::Jit::kQuickStart),
-         false, i >= members});
+        {std::make_unique<zklocal::ServerProcess>(i + 1, tickTimeMs, jit), false, i >= members});
     servers.push_back(m_members.back().server.get());
   }
   // Limits in ticks: ~10 s for a follower's initial sync, ~2 s of silence before a peer is
@@ -158,6 +157,9 @@ int ZooKeeperEnsemble::Size() const {
 }
 int ZooKeeperEnsemble::ClientPort(int i) const {
   return m_members.at(i).server->Port();
+}
+pid_t ZooKeeperEnsemble::Pid(int i) const {
+  return m_members.at(i).server->Pid();
 }
 void ZooKeeperEnsemble::Stop(int i) {
   m_members.at(i).paused = false;

@@ -57,7 +57,9 @@ class ZooKeeperEnsemble {
   // Starts all members and waits (bounded) until every member serves; throws on failure.
   // `observers` more members follow the quorum without voting (read replicas); their indexes
   // come after those of the voting members.
-  explicit ZooKeeperEnsemble(int members = 3, int tickTimeMs = 100, int observers = 0);
+  // `jit`: kFullJit for benchmarks.
+  explicit ZooKeeperEnsemble(int members = 3, int tickTimeMs = 100, int observers = 0,
+                             zklocal::Jit jit = zklocal::Jit::kQuickStart);
   ~ZooKeeperEnsemble();  // Stops all members and removes their directories.
   ZooKeeperEnsemble(const ZooKeeperEnsemble&) = delete;
   ZooKeeperEnsemble& operator=(const ZooKeeperEnsemble&) = delete;
@@ -66,6 +68,7 @@ class ZooKeeperEnsemble {
   std::string ObserverConnectString() const;  // the observers only
   int Size() const;
   int ClientPort(int i) const;
+  pid_t Pid(int i) const;  // -1 while member i is stopped
 
   void Stop(int i);
   void Kill(int i);
