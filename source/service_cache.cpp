@@ -250,7 +250,11 @@ class ServiceCache::Impl : public ConnectionObserver, public std::enable_shared_
         m_queueCv.wait(lock, ready);
       }
       if (m_stopping) return false;
-      if (!m_tasks.empty()) {
+      // A deadline that has come goes first: a steady stream of tasks must not
+      // put off a deferred listing, a retry or the stale mark.
+      const auto deadline = NextDeadline();
+      const bool due = deadline && Clock::now() >= *deadline;
+      if (!due && !m_tasks.empty()) {
         task = std::move(m_tasks.front());
         m_tasks.pop_front();
       }

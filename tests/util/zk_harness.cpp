@@ -91,12 +91,14 @@ bool ZooKeeperServer::IsServing() const {
 
 // ---- ZooKeeperEnsemble ----
 
-ZooKeeperEnsemble::ZooKeeperEnsemble(int members, int tickTimeMs, int observers, zklocal::Jit jit) {
+ZooKeeperEnsemble::ZooKeeperEnsemble(int members, int tickTimeMs, int observers, zklocal::Jit jit,
+                                     const std::vector<std::string>& jvmOptions) {
   if (members < 1) throw std::invalid_argument("ZooKeeperEnsemble needs at least one member");
   std::vector<zklocal::ServerProcess*> servers;
   for (int i = 0; i < members + observers; ++i) {
     m_members.push_back(
-        {std::make_unique<zklocal::ServerProcess>(i + 1, tickTimeMs, jit), false, i >= members});
+        {std::make_unique<zklocal::ServerProcess>(i + 1, tickTimeMs, jit, jvmOptions), false,
+         i >= members});
     servers.push_back(m_members.back().server.get());
   }
   // Limits in ticks: ~10 s for a follower's initial sync, ~2 s of silence before a peer is

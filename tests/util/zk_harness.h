@@ -57,9 +57,10 @@ class ZooKeeperEnsemble {
   // Starts all members and waits (bounded) until every member serves; throws on failure.
   // `observers` more members follow the quorum without voting (read replicas); their indexes
   // come after those of the voting members.
-  // `jit`: kFullJit for benchmarks.
+  // `jit` and `jvmOptions` (added after the defaults, so that e.g. -Xmx4g wins): for benchmarks.
   explicit ZooKeeperEnsemble(int members = 3, int tickTimeMs = 100, int observers = 0,
-                             zklocal::Jit jit = zklocal::Jit::kQuickStart);
+                             zklocal::Jit jit = zklocal::Jit::kQuickStart,
+                             const std::vector<std::string>& jvmOptions = {});
   ~ZooKeeperEnsemble();  // Stops all members and removes their directories.
   ZooKeeperEnsemble(const ZooKeeperEnsemble&) = delete;
   ZooKeeperEnsemble& operator=(const ZooKeeperEnsemble&) = delete;
