@@ -55,6 +55,29 @@ class SupervisedServiceTest : public ::testing::Test {
         20s);
   }
 
+  // Makes `conn`'s creates of `alive` fail with a connection loss while `refuse` holds, then
+  // removes the instance's nodes and waits until the supervisor has logged a failed try.
+  void FailRegistrationsAfterRemoval(const SupervisedService& s, const std::atomic<bool>& refuse) {
+    const std::string alive = AlivePath(s);
+    conn->SetFaultInjector([alive, &refuse](Connection::Operation op, const std::string& path) {
+      std::optional<int> result;
+      if (op == Connection::Operation::Create && path == alive && refuse) {
+        result = ZCONNECTIONLOSS;
+      }
+      return result;
+    });
+    LogCapture capture;
+    RemoveNodes(s);
+    ASSERT_TRUE(WaitUntil(
+        [&] {
+          for (const auto& record : capture.FromSource("korvel.supervised")) {
+            if (record.message.find("again failed") != std::string::npos) return true;
+          }
+          return false;
+        },
+        10s));
+  }
+
   std::shared_ptr<Connection> conn, other;
   std::string type;
 };
@@ -126,23 +149,8 @@ TEST_F(SupervisedServiceTest, PublishingWhileUnregisteredIsRememberedAndPublishe
   options.initialBackoff = options.maxBackoff = 300ms;
   SupervisedService s(conn, type, "x", options);
   s.SetChildAttribute("worker-1", "port", "1");
-  const std::string alive = AlivePath(s);
   std::atomic<bool> refuse{true};
-  conn->SetFaultInjector([&](Connection::Operation op, const std::string& path) {
-    std::optional<int> result;
-    if (op == Connection::Operation::Create && path == alive && refuse) result = ZCONNECTIONLOSS;
-    return result;
-  });
-  LogCapture capture;
-  RemoveNodes(s);
-  ASSERT_TRUE(WaitUntil(
-      [&] {
-        for (const auto& record : capture.FromSource("korvel.supervised")) {
-          if (record.message.find("again failed") != std::string::npos) return true;
-        }
-        return false;
-      },
-      10s));
+  ASSERT_NO_FATAL_FAILURE(FailRegistrationsAfterRemoval(s, refuse));
 
   EXPECT_THROW(s.SetStatus(Service::UP), qx::korvel::KorvelError);
   EXPECT_THROW(s.SetChildAttribute("worker-1", "port", "8080"), qx::korvel::KorvelError);
@@ -155,21 +163,8 @@ TEST_F(SupervisedServiceTest, DestructionCutsABackoffShortAndUnregisters) {
   options.initialBackoff = options.maxBackoff = 600s;
   auto s = std::make_unique<SupervisedService>(conn, type, "x", options);
   const std::string alive = AlivePath(*s), root = s->GetRoot();
-  conn->SetFaultInjector([&](Connection::Operation op, const std::string& path) {
-    std::optional<int> result;
-    if (op == Connection::Operation::Create && path == alive) result = ZCONNECTIONLOSS;
-    return result;
-  });
-  LogCapture capture;
-  RemoveNodes(*s);
-  ASSERT_TRUE(WaitUntil(
-      [&] {
-        for (const auto& record : capture.FromSource("korvel.supervised")) {
-          if (record.message.find("again failed") != std::string::npos) return true;
-        }
-        return false;
-      },
-      10s));
+  const std::atomic<bool> refuse{true};
+  ASSERT_NO_FATAL_FAILURE(FailRegistrationsAfterRemoval(*s, refuse));
 
   const auto start = std::chrono::steady_clock::now();
   s.reset();
