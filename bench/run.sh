@@ -76,7 +76,7 @@ if [ -z "$hosts" ]; then
     cat "$work/server.err" >&2
     exit 1
   fi
-  server_text="$server_text, Java $(java -version 2>&1 | head -1 | cut -d'"' -f2)"
+  server_text="$server_text, Java $(java -version 2>&1 | sed -n 1p | cut -d'"' -f2)"
 fi
 echo "ZooKeeper at $hosts ($server_text); logs in $work while running" >&2
 

@@ -51,7 +51,7 @@ done < <(find "$root" "$work/control" -type f -print0)
 libdir=$(dirname "$(find "$root/usr/lib" -name libkorvel.so.0)")
 test "$(readlink "$libdir/libkorvel.so.0")" = "libkorvel.so.$version" ||
   fail "libkorvel.so.0 does not point at libkorvel.so.$version"
-readelf -d "$libdir/libkorvel.so.$version" | grep -q 'SONAME.*\[libkorvel\.so\.0\]' ||
+readelf -d "$libdir/libkorvel.so.$version" | grep 'SONAME.*\[libkorvel\.so\.0\]' >/dev/null ||
   fail "libkorvel.so.$version has not the SONAME libkorvel.so.0"
 for file in "$libdir/libkorvel.so" usr/include/korvel/service.h usr/include/korvel/version.h \
   usr/include/korvel/support/logger/logger.h "$libdir/cmake/korvel/korvelConfig.cmake" \
@@ -62,9 +62,9 @@ for file in "$libdir/libkorvel.so" usr/include/korvel/service.h usr/include/korv
 done
 grep -q "^ExecStart=/usr/bin/korvel " "$root/usr/lib/systemd/system/korvel-register@.service" ||
   fail "the unit does not start /usr/bin/korvel"
-zcat "$root/usr/share/man/man1/korvel.1.gz" | grep -q '^\.TH KORVEL "1" .*"korvel '"$version"'"' ||
+zcat "$root/usr/share/man/man1/korvel.1.gz" | grep '^\.TH KORVEL "1" .*"korvel '"$version"'"' >/dev/null ||
   fail "the man page is not korvel(1) of $version"
-zcat "$root/usr/share/man/man1/korvel.1.gz" | grep -q 'serve' || fail "the man page has no commands"
+zcat "$root/usr/share/man/man1/korvel.1.gz" | grep 'serve' >/dev/null || fail "the man page has no commands"
 
 reported=$(LD_LIBRARY_PATH="$libdir" "$root/usr/bin/korvel" --version)
 test "$reported" = "korvel $version" || fail "korvel --version says '$reported'"
@@ -75,6 +75,6 @@ grep -qF "set(PACKAGE_VERSION \"$version\")" "$libdir/cmake/korvel/korvelConfigV
 echo "unpacked: $reported"
 
 bash "$source_dir/tests/build_examples.sh" "$source_dir" "$root/usr" "$work/examples"
-LD_LIBRARY_PATH="$libdir" ldd "$work/examples/list_instances" | grep -qF "$libdir/libkorvel.so.0" ||
+LD_LIBRARY_PATH="$libdir" ldd "$work/examples/list_instances" | grep -F "$libdir/libkorvel.so.0" >/dev/null ||
   fail "the example is not linked with the unpacked libkorvel.so.0"
 echo "examples built against the unpacked libkorvel-dev"
