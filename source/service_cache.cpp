@@ -9,6 +9,7 @@
 #include <set>
 #include <stdexcept>
 #include <thread>
+#include <tuple>
 
 #include "korvel/tree.h"
 #include "korvel/utils.h"
@@ -69,24 +70,29 @@ CachedInstancePtr ServiceSnapshot::Find(const ServiceId& id) const {
   return it != instances.end() && (*it)->id == id ? *it : nullptr;
 }
 
-class ServiceCache::Impl : public ConnectionObserver, public std::enable_shared_from_this<Impl> {
+namespace {
+
+// Reads one type for every cache of it on one connection with one listing
+// window: one listing per change, one read of each instance and one set of
+// watches, however many caches share it. Each listener belongs to one cache.
+class Reader : public ConnectionObserver, public std::enable_shared_from_this<Reader> {
  public:
-  Impl(std::shared_ptr<Connection> conn, const String& type, Selection selection,
-       std::chrono::milliseconds listingWindow)
+  using Listener = ServiceCache::Listener;
+
+  Reader(std::shared_ptr<Connection> conn, String type, std::chrono::milliseconds listingWindow)
       : m_conn(std::move(conn)),
-        m_type(NormalizePath(type)),
+        m_type(std::move(type)),
         m_aliveDir(tree::AliveDir(m_type)),
-        m_selection(selection),
         m_listingWindow(listingWindow),
         m_published(std::make_shared<const ServiceSnapshot>()) {}
 
-  ~Impl() override = default;
+  ~Reader() override = default;
 
   void Start() {
     std::lock_guard<std::mutex> lock(m_queueMutex);
     if (m_worker.joinable() || m_stopping) return;
     m_conn->RegisterWeak(weak_from_this());
-    m_tasks.push_back(Task{Task::kList, {}, 0, true});
+    m_tasks.push_back(Task{Task::kList, {}, 0, true, {}});
     // The thread keeps the cache alive, for a Stop that does not wait for it.
     m_worker = std::thread([self = shared_from_this()] { self->Run(); });
   }
@@ -114,7 +120,7 @@ class ServiceCache::Impl : public ConnectionObserver, public std::enable_shared_
     struct ThreadCopy {
       std::uint64_t cacheId;
       std::uint64_t version;
-      std::weak_ptr<const Impl> owner;
+      std::weak_ptr<const Reader> owner;
       std::shared_ptr<const ServiceSnapshot> snapshot;
     };
     thread_local std::vector<ThreadCopy> copies;
@@ -133,30 +139,6 @@ class ServiceCache::Impl : public ConnectionObserver, public std::enable_shared_
     return copies.back().snapshot;
   }
 
-  CachedInstancePtr Pick() const {
-    const auto snapshot = Snapshot();
-    const auto& up = snapshot->up;
-    if (up.empty()) return nullptr;
-    switch (m_selection) {
-      case Selection::kRoundRobin:
-        return up[m_nextPick.fetch_add(1, std::memory_order_relaxed) % up.size()];
-      case Selection::kRandom:
-        return up[RandomIndex(up.size())];
-      case Selection::kSticky: {
-        std::lock_guard<std::mutex> lock(m_stickyMutex);
-        if (m_sticky) {
-          auto kept = std::find_if(up.begin(), up.end(),
-                                   [&](const CachedInstancePtr& i) { return i->id == *m_sticky; });
-          if (kept != up.end()) return *kept;
-        }
-        const CachedInstancePtr chosen = up[RandomIndex(up.size())];
-        m_sticky = chosen->id;
-        return chosen;
-      }
-    }
-    return nullptr;
-  }
-
   bool WaitUntilCurrent(std::chrono::milliseconds timeout) const {
     // The cache's reads are answered on the event thread: waiting there
     // would only hold them up.
@@ -165,11 +147,27 @@ class ServiceCache::Impl : public ConnectionObserver, public std::enable_shared_
     return m_publishCv.wait_for(lock, timeout, [this] { return m_published->current; });
   }
 
-  int AddListener(Listener listener) {
+  // Adds listeners that hear of the instances known when the cache's thread
+  // gets to them, as added, and of the cache being current, before anything
+  // that happens afterwards.
+  void Join(std::map<int, Listener> listeners) {
+    std::vector<int> ids;
+    {
+      std::lock_guard<std::mutex> lock(m_listenerMutex);
+      for (auto& [id, listener] : listeners) {
+        m_listeners.emplace(
+            id, Registered{std::make_shared<const Listener>(std::move(listener)), false});
+        ids.push_back(id);
+      }
+    }
+    if (!ids.empty()) Post(Task{Task::kJoin, {}, 0, false, std::move(ids)});
+  }
+
+  // Adds a listener that hears what happens from now on.
+  void AddListener(int id, Listener listener) {
     std::lock_guard<std::mutex> lock(m_listenerMutex);
-    const int id = m_nextListener++;
-    m_listeners.emplace(id, std::make_shared<const Listener>(std::move(listener)));
-    return id;
+    m_listeners.emplace(id,
+                        Registered{std::make_shared<const Listener>(std::move(listener)), true});
   }
 
   void RemoveListener(int id) {
@@ -179,16 +177,28 @@ class ServiceCache::Impl : public ConnectionObserver, public std::enable_shared_
     m_listenerCv.wait(lock, [&] { return m_runningListener != id; });
   }
 
+  // On the cache's own thread (a listener) waiting for it cannot end; on an
+  // event thread it may not end, since the cache may be waiting for that thread.
+  bool MustNotWaitForTheCacheThread() const {
+    return t_cacheThreadOf == this || Connection::OnEventThread();
+  }
+
   void OnSessionEvent(int type, int state, String) override {
-    if (type == ZOO_SESSION_EVENT) Post(Task{Task::kSession, {}, state, false});
+    if (type == ZOO_SESSION_EVENT) Post(Task{Task::kSession, {}, state, false, {}});
   }
 
  private:
   struct Task {
-    enum Kind { kList, kRead, kSession } kind;
-    ServiceId id;  // kRead
-    int state;     // kSession
-    bool full;     // kList: read every instance again, not only new ones
+    enum Kind { kList, kRead, kSession, kJoin } kind;
+    ServiceId id;            // kRead
+    int state;               // kSession
+    bool full;               // kList: read every instance again, not only new ones
+    std::vector<int> joins;  // kJoin: the listeners that join
+  };
+
+  struct Registered {
+    std::shared_ptr<const Listener> listener;
+    bool joined;  // hears every event; until then only its introduction
   };
 
   struct Entry {
@@ -196,17 +206,6 @@ class ServiceCache::Impl : public ConnectionObserver, public std::enable_shared_
     Connection::WatchHandle statusWatch;
     int followUps = 0;  // reads scheduled since it was last complete
   };
-
-  // On the cache's own thread (a listener) waiting for it cannot end; on an
-  // event thread it may not end, since the cache may be waiting for that thread.
-  bool MustNotWaitForTheCacheThread() const {
-    return t_cacheThreadOf == this || Connection::OnEventThread();
-  }
-
-  static std::size_t RandomIndex(std::size_t size) {
-    thread_local std::minstd_rand engine{std::random_device{}()};
-    return std::uniform_int_distribution<std::size_t>(0, size - 1)(engine);
-  }
 
   // A reference to the published snapshot whose count belongs to this thread.
   std::shared_ptr<const ServiceSnapshot> ThreadLocalCopy(std::uint64_t& version) const {
@@ -333,6 +332,9 @@ class ServiceCache::Impl : public ConnectionObserver, public std::enable_shared_
       case Task::kSession:
         OnSession(task.state);
         break;
+      case Task::kJoin:
+        Introduce(task.joins);
+        break;
     }
   }
 
@@ -367,7 +369,7 @@ class ServiceCache::Impl : public ConnectionObserver, public std::enable_shared_
   WatchFunction ListCallback() {
     return [weak = weak_from_this()](int type, int, std::string) {
       if (type == ZOO_SESSION_EVENT) return;  // the session observer handles it
-      if (auto self = weak.lock()) self->Post(Task{Task::kList, {}, 0, false});
+      if (auto self = weak.lock()) self->Post(Task{Task::kList, {}, 0, false, {}});
     };
   }
 
@@ -379,7 +381,7 @@ class ServiceCache::Impl : public ConnectionObserver, public std::enable_shared_
       if (!self) return;
       const auto location = tree::Parse(path);
       if (location && !location->alive && location->type == self->m_type && location->id) {
-        self->Post(Task{Task::kRead, *location->id, 0, false});
+        self->Post(Task{Task::kRead, *location->id, 0, false, {}});
       }
     };
   }
@@ -394,7 +396,7 @@ class ServiceCache::Impl : public ConnectionObserver, public std::enable_shared_
     if (rc == ZNONODE) {
       // No liveness directory: no instance, until it is made.
       std::tie(rc, handle) = m_conn->Exists(m_aliveDir, ListCallback(), nullptr);
-      if (rc == ZOK) return Post(Task{Task::kList, {}, 0, full});
+      if (rc == ZOK) return Post(Task{Task::kList, {}, 0, full, {}});
       if (rc == ZNONODE) rc = ZOK;
     }
     if (rc != ZOK) {
@@ -469,7 +471,7 @@ class ServiceCache::Impl : public ConnectionObserver, public std::enable_shared_
         const String status =
             tree::OwnAttributePath(tree::DataPath(m_type, instance.id), tree::kStatus);
         auto [rc, handle] = m_conn->Exists(status, StatusCallback(), nullptr);
-        if (rc == ZOK) Post(Task{Task::kRead, instance.id, 0, false});
+        if (rc == ZOK) Post(Task{Task::kRead, instance.id, 0, false, {}});
         statusWatch = std::move(handle);
       }
       Entry& entry = m_instances[instance.id];
@@ -560,6 +562,23 @@ class ServiceCache::Impl : public ConnectionObserver, public std::enable_shared_
     m_publishCv.notify_all();
   }
 
+  // Tells joining listeners of the instances known now, then lets them hear
+  // every event.
+  void Introduce(const std::vector<int>& ids) {
+    for (const auto& [id, entry] : m_instances) {
+      const auto added = MakeEvent(ServiceCacheEvent::Type::kInstanceAdded, id, entry.data);
+      for (int listener : ids) Call(listener, added);
+    }
+    if (m_current) {
+      for (int listener : ids) Call(listener, MakeEvent(ServiceCacheEvent::Type::kCurrent));
+    }
+    std::lock_guard<std::mutex> lock(m_listenerMutex);
+    for (int listener : ids) {
+      auto it = m_listeners.find(listener);
+      if (it != m_listeners.end()) it->second.joined = true;
+    }
+  }
+
   // Calls the listeners without holding their lock, so that they may add
   // and remove listeners and the cache may be stopped meanwhile.
   void Deliver(const std::vector<ServiceCacheEvent>& events) {
@@ -567,37 +586,41 @@ class ServiceCache::Impl : public ConnectionObserver, public std::enable_shared_
       std::vector<int> ids;
       {
         std::lock_guard<std::mutex> lock(m_listenerMutex);
-        for (const auto& entry : m_listeners) ids.push_back(entry.first);
+        for (const auto& [id, entry] : m_listeners) {
+          if (entry.joined) ids.push_back(id);
+        }
       }
-      for (int id : ids) {
-        std::shared_ptr<const Listener> listener;
-        {
-          std::lock_guard<std::mutex> lock(m_listenerMutex);
-          auto it = m_listeners.find(id);  // a listener may have removed one
-          if (m_stopping || it == m_listeners.end()) continue;
-          listener = it->second;
-          m_runningListener = id;
-        }
-        try {
-          (*listener)(event);
-        } catch (const std::exception& e) {
-          QXLOG(g_log, QXLOG_WARNING) << "Service cache listener threw: " << e.what();
-        } catch (...) {
-          QXLOG(g_log, QXLOG_WARNING) << "Service cache listener threw";
-        }
-        {
-          std::lock_guard<std::mutex> lock(m_listenerMutex);
-          m_runningListener = 0;
-        }
-        m_listenerCv.notify_all();
-      }
+      for (int id : ids) Call(id, event);
     }
+  }
+
+  // Calls one listener, unless it was removed meanwhile.
+  void Call(int id, const ServiceCacheEvent& event) {
+    std::shared_ptr<const Listener> listener;
+    {
+      std::lock_guard<std::mutex> lock(m_listenerMutex);
+      auto it = m_listeners.find(id);
+      if (m_stopping || it == m_listeners.end()) return;
+      listener = it->second.listener;
+      m_runningListener = id;
+    }
+    try {
+      (*listener)(event);
+    } catch (const std::exception& e) {
+      QXLOG(g_log, QXLOG_WARNING) << "Service cache listener threw: " << e.what();
+    } catch (...) {
+      QXLOG(g_log, QXLOG_WARNING) << "Service cache listener threw";
+    }
+    {
+      std::lock_guard<std::mutex> lock(m_listenerMutex);
+      m_runningListener = 0;
+    }
+    m_listenerCv.notify_all();
   }
 
   const std::shared_ptr<Connection> m_conn;
   const String m_type;
   const String m_aliveDir;
-  const Selection m_selection;
   const std::chrono::milliseconds m_listingWindow;
   const std::uint64_t m_id = g_nextCacheId++;
 
@@ -620,14 +643,9 @@ class ServiceCache::Impl : public ConnectionObserver, public std::enable_shared_
   std::shared_ptr<const ServiceSnapshot> m_published;
   std::atomic<std::uint64_t> m_version{0};
 
-  mutable std::atomic<std::uint64_t> m_nextPick{0};
-  mutable std::mutex m_stickyMutex;
-  mutable std::optional<ServiceId> m_sticky;
-
   std::mutex m_listenerMutex;
   std::condition_variable m_listenerCv;
-  std::map<int, std::shared_ptr<const Listener>> m_listeners;
-  int m_nextListener = 1;
+  std::map<int, Registered> m_listeners;
   int m_runningListener = 0;  // the listener being called, if any
 
   std::mutex m_queueMutex;
@@ -635,6 +653,177 @@ class ServiceCache::Impl : public ConnectionObserver, public std::enable_shared_
   std::deque<Task> m_tasks;
   std::atomic<bool> m_stopping{false};  // set under m_queueMutex
   std::thread m_worker;
+};
+
+// The readers that started caches use, by connection, type and listing
+// window. A reader is handed out until its last cache stops.
+class Readers {
+ public:
+  static Readers& Instance() {
+    // Never destroyed: caches may stop while the process exits.
+    static Readers& readers = *new Readers;
+    return readers;
+  }
+
+  std::shared_ptr<Reader> Acquire(const std::shared_ptr<Connection>& conn, const String& type,
+                                  std::chrono::milliseconds window) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    Shared& shared = m_readers[Key(conn.get(), type, window)];
+    if (!shared.reader) shared.reader = std::make_shared<Reader>(conn, type, window);
+    ++shared.users;
+    return shared.reader;
+  }
+
+  // True when the reader has no cache left; it is not handed out again.
+  bool Release(const std::shared_ptr<Connection>& conn, const String& type,
+               std::chrono::milliseconds window) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    auto it = m_readers.find(Key(conn.get(), type, window));
+    if (--it->second.users > 0) return false;
+    m_readers.erase(it);
+    return true;
+  }
+
+ private:
+  using Key = std::tuple<const Connection*, String, std::chrono::milliseconds>;
+  struct Shared {
+    std::shared_ptr<Reader> reader;
+    int users = 0;
+  };
+
+  std::mutex m_mutex;
+  std::map<Key, Shared> m_readers;
+};
+
+std::atomic<int> g_nextListener{1};
+
+std::size_t RandomIndex(std::size_t size) {
+  thread_local std::minstd_rand engine{std::random_device{}()};
+  return std::uniform_int_distribution<std::size_t>(0, size - 1)(engine);
+}
+
+}  // namespace
+
+// One cache: its selection and its listeners, over the reader it shares.
+class ServiceCache::Impl {
+ public:
+  Impl(std::shared_ptr<Connection> conn, const String& type, Selection selection,
+       std::chrono::milliseconds listingWindow)
+      : m_conn(std::move(conn)),
+        m_type(NormalizePath(type)),
+        m_selection(selection),
+        m_listingWindow(listingWindow) {}
+
+  void Start() {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    if (m_state != kNew) return;
+    m_reader = Readers::Instance().Acquire(m_conn, m_type, m_listingWindow);
+    m_reader->Start();
+    for (const auto& entry : m_pending) m_listenerIds.push_back(entry.first);
+    m_reader->Join(std::move(m_pending));
+    m_pending.clear();
+    m_state.store(kStarted, std::memory_order_release);
+  }
+
+  void Stop() {
+    std::vector<int> ids;
+    {
+      std::lock_guard<std::mutex> lock(m_mutex);
+      if (m_state == kNew) m_state = kStopped;
+      if (m_state != kStarted || m_stopping) return;
+      m_stopping = true;
+      ids.swap(m_listenerIds);
+    }
+    for (int id : ids) m_reader->RemoveListener(id);
+    {
+      // What the listeners heard last, no longer current.
+      auto last = std::make_shared<ServiceSnapshot>(*m_reader->Snapshot());
+      last->current = false;
+      ++last->version;
+      std::lock_guard<std::mutex> lock(m_mutex);
+      m_last = std::move(last);
+      m_state.store(kStopped, std::memory_order_release);
+    }
+    if (Readers::Instance().Release(m_conn, m_type, m_listingWindow)) m_reader->Stop();
+  }
+
+  std::shared_ptr<const ServiceSnapshot> Snapshot() const {
+    if (m_state.load(std::memory_order_acquire) == kStarted) return m_reader->Snapshot();
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_last;
+  }
+
+  CachedInstancePtr Pick() const {
+    const auto snapshot = Snapshot();
+    const auto& up = snapshot->up;
+    if (up.empty()) return nullptr;
+    switch (m_selection) {
+      case Selection::kRoundRobin:
+        return up[m_nextPick.fetch_add(1, std::memory_order_relaxed) % up.size()];
+      case Selection::kRandom:
+        return up[RandomIndex(up.size())];
+      case Selection::kSticky: {
+        std::lock_guard<std::mutex> lock(m_stickyMutex);
+        if (m_sticky) {
+          auto kept = std::find_if(up.begin(), up.end(),
+                                   [&](const CachedInstancePtr& i) { return i->id == *m_sticky; });
+          if (kept != up.end()) return *kept;
+        }
+        const CachedInstancePtr chosen = up[RandomIndex(up.size())];
+        m_sticky = chosen->id;
+        return chosen;
+      }
+    }
+    return nullptr;
+  }
+
+  bool WaitUntilCurrent(std::chrono::milliseconds timeout) const {
+    if (m_state.load(std::memory_order_acquire) != kStarted) return false;
+    return m_reader->WaitUntilCurrent(timeout);
+  }
+
+  int AddListener(Listener listener) {
+    const int id = g_nextListener++;
+    std::lock_guard<std::mutex> lock(m_mutex);
+    if (m_state == kNew) {
+      m_pending.emplace(id, std::move(listener));
+    } else if (m_state == kStarted && !m_stopping) {
+      m_listenerIds.push_back(id);
+      m_reader->AddListener(id, std::move(listener));
+    }
+    return id;
+  }
+
+  void RemoveListener(int id) {
+    {
+      std::lock_guard<std::mutex> lock(m_mutex);
+      m_pending.erase(id);
+      auto it = std::find(m_listenerIds.begin(), m_listenerIds.end(), id);
+      if (it == m_listenerIds.end()) return;
+      m_listenerIds.erase(it);
+    }
+    m_reader->RemoveListener(id);
+  }
+
+ private:
+  enum State { kNew, kStarted, kStopped };
+
+  const std::shared_ptr<Connection> m_conn;
+  const String m_type;
+  const Selection m_selection;
+  const std::chrono::milliseconds m_listingWindow;
+
+  mutable std::mutex m_mutex;
+  std::atomic<State> m_state{kNew};  // changed under m_mutex
+  bool m_stopping = false;
+  std::shared_ptr<Reader> m_reader;   // set once by Start
+  std::map<int, Listener> m_pending;  // added before Start
+  std::vector<int> m_listenerIds;     // added to the reader
+  std::shared_ptr<const ServiceSnapshot> m_last = std::make_shared<const ServiceSnapshot>();
+
+  mutable std::atomic<std::uint64_t> m_nextPick{0};
+  mutable std::mutex m_stickyMutex;
+  mutable std::optional<ServiceId> m_sticky;
 };
 
 ServiceCache::ServiceCache(std::shared_ptr<Connection> conn, const String& type,

@@ -542,6 +542,52 @@ TEST_F(ServiceCacheTest, AListingWindowCoalescesTheListingsOfABurst) {
                std::invalid_argument);
 }
 
+// Caches of one type on one connection list once per change between them; a
+// cache started later hears at once of what the earlier one knows, and one
+// stopping leaves the other working.
+TEST_F(ServiceCacheTest, CachesOfOneTypeOnOneConnectionShareTheirReading) {
+  std::vector<std::shared_ptr<Service>> services{Register("s0"), Register("s1"), Register("s2")};
+  auto cacheConn = Connect(SharedServer().ConnectString());
+  ServiceCache first(cacheConn, type);
+  Recorder firstEvents(first);
+  first.Start();
+  ASSERT_TRUE(first.WaitUntilCurrent(10000ms));
+
+  ServiceCache second(cacheConn, type, ServiceCache::Selection::kSticky);
+  Recorder secondEvents(second);
+  second.Start();
+  ASSERT_TRUE(secondEvents.WaitForType(Type::kCurrent));
+  EXPECT_EQ(ReadTree(*conn, type), secondEvents.Instances());
+  EXPECT_EQ(3u, secondEvents.Events().size() - 1);
+
+  auto listings = std::make_shared<std::atomic<int>>(0);
+  const std::string alive = tree::AliveDir(type);
+  cacheConn->SetFaultInjector(
+      [listings, alive](Connection::Operation op, const std::string& path) -> std::optional<int> {
+        if (op == Connection::Operation::GetChildren && path == alive) ++*listings;
+        return std::nullopt;
+      });
+  constexpr int kRegistrations = 4;
+  for (int i = 0; i < kRegistrations; ++i) {
+    services.push_back(Register("n" + std::to_string(i)));
+    const Model tree = ReadTree(*conn, type);
+    ASSERT_TRUE(WaitUntil(
+        [&] { return firstEvents.Instances() == tree && secondEvents.Instances() == tree; },
+        10000ms));
+  }
+  cacheConn->SetFaultInjector(nullptr);
+  EXPECT_EQ(kRegistrations, listings->load());
+
+  first.Stop();
+  EXPECT_FALSE(first.Snapshot()->current);
+  services.push_back(Register("after"));
+  EXPECT_TRUE(WaitForModel(second, ReadTree(*conn, type)));
+  EXPECT_TRUE(second.Snapshot()->current);
+  EXPECT_EQ(services.size(), second.Snapshot()->instances.size());
+  EXPECT_EQ(services.size() - 1, firstEvents.Instances().size());
+  EXPECT_EQ(services.size() - 1, first.Snapshot()->instances.size());
+}
+
 // The cache keeps one child watch for the type and one data watch per
 // instance, and leaves none on the server once stopped.
 TEST(ServiceCacheWatchTest, WatchesAreBoundedAndRemovedOnStop) {

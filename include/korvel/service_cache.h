@@ -8,6 +8,11 @@
 // instance removed, attribute changed (old and new value), and the cache
 // becoming current or stale.
 //
+// Started caches of one type on one Connection with the same listing window
+// share their reading: one listing per change, one read of each instance, one
+// set of watches and one copy of the instances, however many such caches the
+// process has. Each keeps its own selection and listeners.
+//
 // Threads: Snapshot() and Pick() may be called from any thread and make no
 // request; Snapshot() takes a short lock only the first time a thread asks
 // after a change, and Pick() with kSticky takes one to remember its choice. The cache does its
@@ -98,7 +103,10 @@ class ServiceCache {
   ServiceCache& operator=(const ServiceCache&) = delete;
 
   // Starts listing and watching; returns at once. When the server cannot be
-  // reached, the cache keeps trying and fills in once it can.
+  // reached, the cache keeps trying and fills in once it can. Listeners added
+  // before hear of every instance the cache knows, as added, and of the cache
+  // being current; a cache that shares the reading of one started earlier
+  // gets them at once from what that one knows.
   void Start();
   // Stops watching and removes its watches from the server; no listener is
   // called after it returns. A stopped cache keeps its last snapshot (no
@@ -113,8 +121,9 @@ class ServiceCache {
   // One instance whose status is "up", chosen by the selection strategy, or
   // null when there is none.
   CachedInstancePtr Pick() const;
-  // Waits until the cache is current; false when `timeout` passed first. On
-  // the connection's event thread it says at once whether it is current.
+  // Waits until the cache is current; false when `timeout` passed first, and
+  // at once before Start and after Stop. On the connection's event thread it
+  // says at once whether it is current.
   bool WaitUntilCurrent(std::chrono::milliseconds timeout) const;
 
   // Adds a listener and returns its id. Events that happen from then on are
