@@ -12,8 +12,12 @@
 //
 // Every run ends by checking that each cache holds exactly the live instances.
 //
+// The caches on one connection share one reader of the type (one listing per change and
+// connection); caches on W connections do not.
+//
 //   fanout_bench [--quick] [--json FILE] [--instances N] [--caches W] [--rate R] [--seconds S]
-//                [--window MS]
+//                [--window MS] [--connections C]
+// --connections C runs only with the caches on C connections (on the server and the observer).
 #include <korvel/service_cache.h>
 #include <korvel/tree.h>
 #include <korvel/utils.h>
@@ -285,6 +289,10 @@ int main(int argc, char** argv) {
   const Load load{args.Int("instances", 2000, 200), args.Int("caches", 100, 10),
                   args.Int("rate", 20, 20), args.Int("seconds", 10, 2)};
   const auto window = std::chrono::milliseconds(args.Int("window", 250, 250));
+  const int onlyConnections = args.Int("connections", 0, 0);
+  const int fewConnections = onlyConnections > 0 ? onlyConnections : std::max(1, load.caches / 10);
+  std::vector<int> serverConnections{fewConnections};
+  if (onlyConnections == 0) serverConnections.push_back(load.caches);
   qx::logging::SetMinimumLoggingLevel(qx::logging::QXLOG_WARNING);
   std::vector<Row> rows;
   {
@@ -292,7 +300,7 @@ int main(int argc, char** argv) {
     const Connection writer(server.ConnectString(), 30s);
     std::vector<std::string> present;
     const std::string type = Populate(writer, load.instances, present);
-    for (const int connections : {std::max(1, load.caches / 10), load.caches}) {
+    for (const int connections : serverConnections) {
       Measure(server.ConnectString(), writer, {{server.Pid()}, {}}, "one server", load, connections,
               window, present, type, rows);
     }
@@ -311,7 +319,7 @@ int main(int argc, char** argv) {
     const std::string type = Populate(writer, load.instances, present);
     Measure(ensemble.ObserverConnectString(), writer,
             {{ensemble.Pid(0), ensemble.Pid(1), ensemble.Pid(2)}, {ensemble.Pid(3)}}, "an observer",
-            load, std::max(1, load.caches / 10), window, present, type, rows);
+            load, fewConnections, window, present, type, rows);
   }
   PrintReport(rows, args.json);
   return 0;
