@@ -16,8 +16,9 @@
 // connection); caches on W connections do not.
 //
 //   fanout_bench [--quick] [--json FILE] [--instances N] [--caches W] [--rate R] [--seconds S]
-//                [--window MS] [--connections C]
+//                [--window MS] [--connections C] [--listings L]
 // --connections C runs only with the caches on C connections (on the server and the observer).
+// Before the runs it measures the server's CPU time per listing of the type (L listings).
 #include <korvel/service_cache.h>
 #include <korvel/tree.h>
 #include <korvel/utils.h>
@@ -233,6 +234,23 @@ std::string Populate(const Connection& writer, int instances, std::vector<std::s
   return type;
 }
 
+// The server's CPU time for one listing of the type: `listings` listings one after another,
+// after as many to warm up, in ms; the server runs nothing else meanwhile.
+double ListingCpu(const Connection& reader, pid_t server, const std::string& type, int listings) {
+  const std::string alive = tree::AliveDir(type);
+  const auto listAll = [&] {
+    for (int i = 0; i < listings; ++i) {
+      if (reader.VisitChildren(alive, [](const Connection::ChildNames&) {}) != ZOK) {
+        throw std::runtime_error("listing " + alive + " failed");
+      }
+    }
+  };
+  listAll();
+  const double before = CpuSeconds(server);
+  listAll();
+  return (CpuSeconds(server) - before) * 1e3 / listings;
+}
+
 struct Load {
   int instances;
   int caches;
@@ -300,6 +318,10 @@ int main(int argc, char** argv) {
     const Connection writer(server.ConnectString(), 30s);
     std::vector<std::string> present;
     const std::string type = Populate(writer, load.instances, present);
+    const double listingMs = ListingCpu(writer, server.Pid(), type, args.Int("listings", 200, 20));
+    rows.emplace_back(
+        "fanout: the server's CPU per listing of " + std::to_string(load.instances) + " instances",
+        listingMs, 0, "ms", Goal{});
     for (const int connections : serverConnections) {
       Measure(server.ConnectString(), writer, {{server.Pid()}, {}}, "one server", load, connections,
               window, present, type, rows);
