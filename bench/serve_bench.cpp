@@ -749,8 +749,10 @@ std::string SelfPath() {
 
 std::vector<std::string> ServeArgv(const std::string& korvel, const Args& args,
                                    const std::string& ioThreads) {
-  return {korvel,     "--zk",        args.hosts,     "serve",
-          "--listen", "127.0.0.1:0", "--io-threads", ioThreads};
+  // Without a listing window, as the cache it is compared with: the registrations follow each
+  // other closely, and this measures how fast a change reaches the streams.
+  return {korvel,         "--zk",    args.hosts,         "serve", "--listen", "127.0.0.1:0",
+          "--io-threads", ioThreads, "--listing-window", "0"};
 }
 
 // The instances of `type` as the server lists them, once it lists `count` of them with every
@@ -865,7 +867,7 @@ void Propagation(const Args& args, const ServerProcess& serve, Registrar& regist
   streams.Add(clients);
 
   auto cacheConn = std::make_shared<Connection>(args.hosts, 10s);
-  ServiceCache cache(cacheConn, cached);
+  ServiceCache cache(cacheConn, cached, ServiceCache::Selection::kRoundRobin, 0ms);
   cache.Start();
   if (!cache.WaitUntilCurrent(30s)) throw std::runtime_error("the cache did not become current");
   std::mutex mutex;

@@ -83,6 +83,12 @@ class ServiceCache {
   };
   using Listener = std::function<void(const ServiceCacheEvent&)>;
 
+  // The listing window a cache has unless told otherwise: it caps a reader
+  // at 10 listings a second while instances keep coming and going (a fleet
+  // restarting, say), and delays an added or removed instance by at most
+  // 100 ms, only while changes follow each other that closely.
+  static constexpr std::chrono::milliseconds kDefaultListingWindow{100};
+
   // A cache of the service type `type` (normalised with NormalizePath); it
   // reads nothing until Start().
   //
@@ -91,12 +97,13 @@ class ServiceCache {
   // at the window's end, together with every change made until then (the
   // child watch is set again only by a listing). A type whose instances come
   // and go R times a second then costs at most min(R, 1 s / window) listings
-  // a second per cache, and an added or removed instance is seen up to one
-  // window later. Zero lists at once after every change. Attribute changes
-  // are not delayed. Throws std::invalid_argument for a negative window.
+  // a second per reader, and an added or removed instance is seen up to one
+  // window later; a change after a quiet spell is listed at once. Zero lists
+  // at once after every change. Attribute changes are not delayed. Throws
+  // std::invalid_argument for a negative window.
   ServiceCache(std::shared_ptr<Connection> conn, const String& type,
                Selection selection = Selection::kRoundRobin,
-               std::chrono::milliseconds listingWindow = std::chrono::milliseconds(0));
+               std::chrono::milliseconds listingWindow = kDefaultListingWindow);
   // Stops the cache, as Stop() does.
   ~ServiceCache();
   ServiceCache(const ServiceCache&) = delete;

@@ -70,6 +70,7 @@ struct RegisterOptions {
 struct ServeOptions {
   korvel::http::ServerOptions server;
   std::chrono::milliseconds cacheIdle{300000};  // a type's cache without readers is dropped then
+  std::chrono::milliseconds listingWindow = qx::korvel::ServiceCache::kDefaultListingWindow;
   std::string tokenFile;  // holds the bearer token every endpoint but /healthz needs; none if ""
 };
 

@@ -189,6 +189,7 @@ int main(int argc, char** argv) {
   korvel::http::ServerOptions& server = serveOptions.server;
   std::string listen = "127.0.0.1:7411";
   int requestTimeoutMs = 10000, idleTimeoutMs = 60000, cacheIdleMs = 300000;
+  int listingWindowMs = static_cast<int>(qx::korvel::ServiceCache::kDefaultListingWindow.count());
   auto* serveCommand = app.add_subcommand(
       "serve", "Serves the registry over HTTP (read-only) until SIGINT or SIGTERM.");
   serveCommand->footer(
@@ -228,6 +229,13 @@ int main(int argc, char** argv) {
       ->add_option("--cache-idle", cacheIdleMs,
                    "A type's cache is dropped when no reader asked for it this long")
       ->check(CLI::Range(100, 24 * 3600 * 1000))
+      ->type_name("MS")
+      ->capture_default_str();
+  serveCommand
+      ->add_option("--listing-window", listingWindowMs,
+                   "While instances keep coming and going, a type is listed at most once in this "
+                   "time (0: after every change)")
+      ->check(CLI::Range(0, 60 * 1000))
       ->type_name("MS")
       ->capture_default_str();
   serveCommand
@@ -298,6 +306,7 @@ int main(int argc, char** argv) {
       server.requestTimeout = std::chrono::milliseconds(requestTimeoutMs);
       server.idleTimeout = std::chrono::milliseconds(idleTimeoutMs);
       serveOptions.cacheIdle = std::chrono::milliseconds(cacheIdleMs);
+      serveOptions.listingWindow = std::chrono::milliseconds(listingWindowMs);
       return korvel::cli::RunServe(settings, serveOptions);
     }
     if (*aclShowCommand) return korvel::cli::RunAclShow(settings, type, json);

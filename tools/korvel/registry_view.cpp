@@ -44,8 +44,12 @@ struct TypeView::Subscriber {
   std::weak_ptr<korvel::http::EventSink> sink;
 };
 
-TypeView::TypeView(std::shared_ptr<Connection> conn, const std::string& type)
-    : m_type(type), m_staleSince(std::time(nullptr)), m_cache(std::move(conn), type) {
+TypeView::TypeView(std::shared_ptr<Connection> conn, const std::string& type,
+                   std::chrono::milliseconds listingWindow)
+    : m_type(type),
+      m_staleSince(std::time(nullptr)),
+      m_cache(std::move(conn), type, qx::korvel::ServiceCache::Selection::kRoundRobin,
+              listingWindow) {
   m_cache.AddListener([this](const ServiceCacheEvent& event) { OnEvent(event); });
   m_cache.Start();
 }
@@ -180,8 +184,12 @@ std::shared_ptr<void> TypeView::Subscribe(std::weak_ptr<korvel::http::EventSink>
   return std::make_shared<Subscription>(shared_from_this(), std::move(subscriber));
 }
 
-RegistryView::RegistryView(std::shared_ptr<Connection> conn, std::chrono::milliseconds cacheIdle)
-    : m_conn(std::move(conn)), m_cacheIdle(cacheIdle), m_sweeper([this] { Sweep(); }) {}
+RegistryView::RegistryView(std::shared_ptr<Connection> conn, std::chrono::milliseconds cacheIdle,
+                           std::chrono::milliseconds listingWindow)
+    : m_conn(std::move(conn)),
+      m_cacheIdle(cacheIdle),
+      m_listingWindow(listingWindow),
+      m_sweeper([this] { Sweep(); }) {}
 
 RegistryView::~RegistryView() {
   {
@@ -205,7 +213,7 @@ std::shared_ptr<TypeView> RegistryView::View(const std::string& type) {
   Entry& entry = m_views[normalised];
   if (!entry.view) {
     QXLOG(g_log, qx::logging::QXLOG_INFO) << "Reading service type '" << normalised << "'";
-    entry.view = std::make_shared<TypeView>(m_conn, normalised);
+    entry.view = std::make_shared<TypeView>(m_conn, normalised, m_listingWindow);
   }
   entry.used = Clock::now();
   return entry.view;

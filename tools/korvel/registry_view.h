@@ -30,7 +30,8 @@ namespace korvel::cli {
 // One service type's cache, and the event streams that follow it.
 class TypeView : public std::enable_shared_from_this<TypeView> {
  public:
-  TypeView(std::shared_ptr<qx::korvel::Connection> conn, const std::string& type);
+  TypeView(std::shared_ptr<qx::korvel::Connection> conn, const std::string& type,
+           std::chrono::milliseconds listingWindow);
   ~TypeView();
   TypeView(const TypeView&) = delete;
   TypeView& operator=(const TypeView&) = delete;
@@ -92,8 +93,10 @@ struct TypeSummary {
 
 class RegistryView {
  public:
-  // Drops a type's cache when no request and no stream asked for it for `cacheIdle`.
-  RegistryView(std::shared_ptr<qx::korvel::Connection> conn, std::chrono::milliseconds cacheIdle);
+  // Drops a type's cache when no request and no stream asked for it for `cacheIdle`; the caches
+  // list with `listingWindow`.
+  RegistryView(std::shared_ptr<qx::korvel::Connection> conn, std::chrono::milliseconds cacheIdle,
+               std::chrono::milliseconds listingWindow);
   ~RegistryView();
   RegistryView(const RegistryView&) = delete;
   RegistryView& operator=(const RegistryView&) = delete;
@@ -128,6 +131,7 @@ class RegistryView {
 
   const std::shared_ptr<qx::korvel::Connection> m_conn;
   const std::chrono::milliseconds m_cacheIdle;
+  const std::chrono::milliseconds m_listingWindow;
   mutable std::mutex m_mutex;
   std::condition_variable m_wake;
   bool m_stopping = false;

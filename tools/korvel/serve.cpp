@@ -390,7 +390,7 @@ std::optional<std::pair<std::string, std::uint16_t>> ParseListenAddress(const st
 int RunServe(const Settings& settings, const ServeOptions& options) {
   const std::string token = options.tokenFile.empty() ? "" : ReadTokenFile(options.tokenFile);
   WatchStopSignals();
-  RegistryView registry(Connect(settings), options.cacheIdle);
+  RegistryView registry(Connect(settings), options.cacheIdle, options.listingWindow);
   HttpMetrics metrics;
   Api api(registry, metrics, token);
   std::unique_ptr<korvel::http::Server> server;
