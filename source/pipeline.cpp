@@ -21,7 +21,13 @@ EventThreadScope::~EventThreadScope() {
 
 void Latch::CountDown() {
   std::lock_guard<std::mutex> lock(m_mutex);
-  if (--m_count == 0) m_cv.notify_all();
+  --m_count;
+  m_cv.notify_all();
+}
+
+void Latch::WaitBelow(std::size_t count) {
+  std::unique_lock<std::mutex> lock(m_mutex);
+  m_cv.wait(lock, [&] { return m_count < count; });
 }
 
 void Latch::Wait() {

@@ -35,6 +35,8 @@ class Latch {
   explicit Latch(std::size_t count) : m_count(count) {}
   void CountDown();
   void Wait();
+  // Waits until fewer than `count` are left.
+  void WaitBelow(std::size_t count);
 
  private:
   std::mutex m_mutex;
@@ -62,11 +64,20 @@ inline std::optional<int> Submitted(int rc) {
   return rc == ZOK ? std::nullopt : std::optional<int>(rc);
 }
 
-// Sends every request of a batch, request i through submit(i, slot), and waits
-// until each has completed; results[i] receives request i's code. `submit`
+// At most this many requests of a batch are in flight at once. A connection
+// sends its pings behind its requests: with a whole big type's reads queued
+// (80,000 for 10,000 instances), a busy server answers the ping too late and
+// the session expires. This many keep a cold build as fast as with all in
+// flight (1.03x against 1.08x in one run of 10,000 instances; 1,000 cost 1.25x).
+constexpr std::size_t kMaxInFlight = 10000;
+
+// Sends every request of a batch, request i through submit(i, slot), at most
+// kMaxInFlight in flight at once, and waits until each has completed;
+// results[i] receives request i's code. `submit`
 // returns nullopt when the request was sent (its completion calls
 // slot.Complete), or the code of a request that ends without being sent.
-// `sending`, when given, is unlocked once all are sent, before the wait. If
+// `sending`, when given, is unlocked once all are sent, before the wait; such a
+// batch is sent whole, without the bound. If
 // `submit` throws, the requests after it are not sent, and the exception
 // leaves once those already sent have completed.
 // Never on the event thread: it would wait for completions it must deliver.
@@ -79,6 +90,11 @@ void RunPipelined(std::vector<int>& results, Submit submit,
   for (std::size_t i = 0; i < results.size(); ++i) {
     slots[i].rc = &results[i];
     slots[i].latch = &latch;
+    // Those not sent yet count as left too. Under `sending` it must not wait:
+    // the completions may need that lock.
+    if (sending == nullptr && i >= kMaxInFlight) {
+      latch.WaitBelow(results.size() - i + kMaxInFlight);
+    }
     if (failure) {
       slots[i].Complete(ZSYSTEMERROR);
       continue;

@@ -31,9 +31,9 @@ constexpr std::size_t kAttributeBuffer = 22;
 // Registrations tried in a row while the session keeps expiring under them.
 constexpr int kRegistrationAttempts = 3;
 
-// Leftovers of crashed instances deleted together, all their requests in flight at once. 10,000
-// leftovers of 6 nodes (30,000 listings, then 600 multis) were taken by a server without a
-// timeout; more are deleted a batch at a time.
+// Leftovers of crashed instances deleted together, their requests pipelined. 10,000 leftovers of
+// 6 nodes (30,000 listings, then 600 multis) were taken by a server without a timeout; more are
+// deleted a batch at a time.
 constexpr std::size_t kCleanupBatch = 10000;
 
 // A registration after an expiry builds the same paths again while other

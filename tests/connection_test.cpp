@@ -440,6 +440,30 @@ TEST_F(ConnectionTest, GetAllReadsEveryValueWhole) {
   EXPECT_EQ("", values[3]);
 }
 
+// A batch bigger than the requests a connection keeps in flight is sent in
+// parts as answers come, each answer in its place.
+TEST_F(ConnectionTest, GetAllOfMoreRequestsThanAreInFlightAtOnce) {
+  constexpr int kNodes = 3;
+  constexpr std::size_t kReads = 25000;
+  for (int n = 0; n < kNodes; ++n) {
+    ASSERT_EQ(ZOK, conn->Create(base + "/" + std::to_string(n), "value " + std::to_string(n),
+                                ZOO_OPEN_ACL_UNSAFE, 0, nullptr));
+  }
+  std::vector<Connection::ReadRequest> requests;
+  for (std::size_t i = 0; i < kReads; ++i) {
+    requests.push_back({base + "/" + std::to_string(i % (kNodes + 1))});  // every 4th is missing
+  }
+  std::vector<std::string> values;
+  const auto codes = conn->GetAll(requests, values);
+  ASSERT_EQ(kReads, codes.size());
+  ASSERT_EQ(kReads, values.size());
+  for (std::size_t i = 0; i < kReads; ++i) {
+    const bool exists = static_cast<int>(i % (kNodes + 1)) < kNodes;
+    ASSERT_EQ(exists ? ZOK : ZNONODE, codes[i]) << i;
+    ASSERT_EQ(exists ? "value " + std::to_string(i % (kNodes + 1)) : "", values[i]) << i;
+  }
+}
+
 TEST_F(ConnectionTest, ANodeWithoutDataReadsAsEmpty) {
   // Other clients can make a node with a null value, which the C client
   // reports with a length of -1.

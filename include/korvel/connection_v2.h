@@ -219,9 +219,10 @@ class Connection : public ObservableImpl<ConnectionObserver> {
   // Replaces the node's ACL; needs ZOO_PERM_ADMIN on the node.
   int SetAcl(String path, const ACL_vector& acl) const;
 
-  // Pipelined operations: all requests are in flight at once, so a batch costs
-  // about one round trip instead of one per request. Called from the event
-  // thread they run one request after another instead.
+  // Pipelined operations: the requests are in flight together (up to 10,000
+  // at once, so that the session's pings are not queued behind a whole big
+  // batch), so a batch costs about one round trip instead of one per request.
+  // Called from the event thread they run one request after another instead.
 
   struct CreateRequest {
     String path;
