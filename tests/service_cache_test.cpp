@@ -153,6 +153,17 @@ class ServiceCacheTest : public ::testing::Test {
     for (int rc : conn->CreateAll(nodes, ZOO_OPEN_ACL_UNSAFE)) EXPECT_EQ(ZOK, rc);
     return name;
   }
+  // Counts the listings of the type that `reader` makes from now on.
+  std::shared_ptr<std::atomic<int>> CountListings(Connection& reader) {
+    auto listings = std::make_shared<std::atomic<int>>(0);
+    reader.SetFaultInjector(
+        [listings, alive = tree::AliveDir(type)](Connection::Operation op,
+                                                 const std::string& path) -> std::optional<int> {
+          if (op == Connection::Operation::GetChildren && path == alive) ++*listings;
+          return std::nullopt;
+        });
+    return listings;
+  }
   bool WaitForModel(ServiceCache& cache, const Model& expected,
                     std::chrono::milliseconds timeout = 10000ms) {
     return WaitUntil([&] { return ModelOf(*cache.Snapshot()) == expected; }, timeout);
@@ -518,13 +529,7 @@ TEST_F(ServiceCacheTest, AListingWindowCoalescesTheListingsOfABurst) {
   ServiceCache cache(cacheConn, type, ServiceCache::Selection::kRoundRobin, kWindow);
   cache.Start();
   ASSERT_TRUE(cache.WaitUntilCurrent(10000ms));
-  auto listings = std::make_shared<std::atomic<int>>(0);
-  const std::string alive = tree::AliveDir(type);
-  cacheConn->SetFaultInjector(
-      [listings, alive](Connection::Operation op, const std::string& path) -> std::optional<int> {
-        if (op == Connection::Operation::GetChildren && path == alive) ++*listings;
-        return std::nullopt;
-      });
+  const auto listings = CountListings(*cacheConn);
   const auto start = std::chrono::steady_clock::now();
   std::vector<std::shared_ptr<Service>> services;
   for (int i = 0; i < 40; ++i) services.push_back(Register("b" + std::to_string(i)));
@@ -560,13 +565,7 @@ TEST_F(ServiceCacheTest, CachesOfOneTypeOnOneConnectionShareTheirReading) {
   EXPECT_EQ(ReadTree(*conn, type), secondEvents.Instances());
   EXPECT_EQ(3u, secondEvents.Events().size() - 1);
 
-  auto listings = std::make_shared<std::atomic<int>>(0);
-  const std::string alive = tree::AliveDir(type);
-  cacheConn->SetFaultInjector(
-      [listings, alive](Connection::Operation op, const std::string& path) -> std::optional<int> {
-        if (op == Connection::Operation::GetChildren && path == alive) ++*listings;
-        return std::nullopt;
-      });
+  const auto listings = CountListings(*cacheConn);
   constexpr int kRegistrations = 4;
   for (int i = 0; i < kRegistrations; ++i) {
     services.push_back(Register("n" + std::to_string(i)));
