@@ -736,7 +736,7 @@ class ServiceCache::Impl {
     }
     for (int id : ids) m_reader->RemoveListener(id);
     {
-      // What the listeners heard last, no longer current.
+      // The latest snapshot, kept as it is but no longer current.
       auto last = std::make_shared<ServiceSnapshot>(*m_reader->Snapshot());
       last->current = false;
       ++last->version;
