@@ -66,7 +66,7 @@ inline std::optional<int> Submitted(int rc) {
 
 // At most this many requests of a batch are in flight at once. A connection
 // sends its pings behind its requests: with a whole big type's reads queued
-// (80,000 for 10,000 instances), a busy server answers the ping too late and
+// (70,000 for 10,000 instances), a busy server answers the ping too late and
 // the session expires. This many keep a cold build as fast as with all in
 // flight (1.03x against 1.08x in one run of 10,000 instances; 1,000 cost 1.25x).
 constexpr std::size_t kMaxInFlight = 10000;
