@@ -21,18 +21,14 @@ EventThreadScope::~EventThreadScope() {
 
 void Latch::CountDown() {
   std::lock_guard<std::mutex> lock(m_mutex);
-  --m_count;
-  m_cv.notify_all();
+  if (--m_count + 1 == m_wakeBelow) m_cv.notify_all();
 }
 
 void Latch::WaitBelow(std::size_t count) {
   std::unique_lock<std::mutex> lock(m_mutex);
+  m_wakeBelow = count;
   m_cv.wait(lock, [&] { return m_count < count; });
-}
-
-void Latch::Wait() {
-  std::unique_lock<std::mutex> lock(m_mutex);
-  m_cv.wait(lock, [this] { return m_count == 0; });
+  m_wakeBelow = 0;
 }
 
 void AsyncSlot::Complete(int code) {

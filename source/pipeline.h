@@ -30,11 +30,13 @@ class EventThreadScope {
   bool m_previous;
 };
 
+// Counts completions down; one thread at a time waits.
 class Latch {
  public:
   explicit Latch(std::size_t count) : m_count(count) {}
   void CountDown();
-  void Wait();
+  // Waits until none is left.
+  void Wait() { WaitBelow(1); }
   // Waits until fewer than `count` are left.
   void WaitBelow(std::size_t count);
 
@@ -42,6 +44,7 @@ class Latch {
   std::mutex m_mutex;
   std::condition_variable m_cv;
   std::size_t m_count;
+  std::size_t m_wakeBelow = 0;  // the waiter's bound: a completion wakes it only on reaching it
 };
 
 // One request of a pipelined batch: its result code, and where its
