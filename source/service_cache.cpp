@@ -730,8 +730,8 @@ class ServiceCache::Impl {
     {
       std::lock_guard<std::mutex> lock(m_mutex);
       if (m_state == kNew) m_state = kStopped;
-      if (m_state != kStarted || m_stopping) return;
-      m_stopping = true;
+      if (m_state != kStarted) return;
+      m_state = kStopping;
       ids.swap(m_listenerIds);
     }
     for (int id : ids) m_reader->RemoveListener(id);
@@ -748,7 +748,8 @@ class ServiceCache::Impl {
   }
 
   std::shared_ptr<const ServiceSnapshot> Snapshot() const {
-    if (m_state.load(std::memory_order_acquire) == kStarted) return m_reader->Snapshot();
+    const State state = m_state.load(std::memory_order_acquire);
+    if (state == kStarted || state == kStopping) return m_reader->Snapshot();
     std::lock_guard<std::mutex> lock(m_mutex);
     return m_last;
   }
@@ -787,7 +788,7 @@ class ServiceCache::Impl {
     std::lock_guard<std::mutex> lock(m_mutex);
     if (m_state == kNew) {
       m_pending.emplace(id, std::move(listener));
-    } else if (m_state == kStarted && !m_stopping) {
+    } else if (m_state == kStarted) {
       m_listenerIds.push_back(id);
       m_reader->AddListener(id, std::move(listener));
     }
@@ -806,7 +807,7 @@ class ServiceCache::Impl {
   }
 
  private:
-  enum State { kNew, kStarted, kStopped };
+  enum State { kNew, kStarted, kStopping, kStopped };
 
   const std::shared_ptr<Connection> m_conn;
   const String m_type;
@@ -814,8 +815,7 @@ class ServiceCache::Impl {
   const std::chrono::milliseconds m_listingWindow;
 
   mutable std::mutex m_mutex;
-  std::atomic<State> m_state{kNew};  // changed under m_mutex
-  bool m_stopping = false;
+  std::atomic<State> m_state{kNew};   // changed under m_mutex
   std::shared_ptr<Reader> m_reader;   // set once by Start
   std::map<int, Listener> m_pending;  // added before Start
   std::vector<int> m_listenerIds;     // added to the reader
