@@ -118,7 +118,7 @@ struct Result {
 };
 
 constexpr std::size_t kStartingCaches = 10;
-// A server holds a watch per cache and instance (a million at 100 caches of 10,000): more than
+// A server holds a watch per reader and instance (a million at 100 readers of 10,000): more than
 // the 256 MiB heap of the tests' servers.
 const std::vector<std::string> kServerHeap{"-Xmx4g"};
 
@@ -171,8 +171,8 @@ Result Run(const std::string& hosts, const Connection& writer, const Servers& se
       }
     });
     views.back()->Start();
-    // At most kStartingCaches cold builds at once: each reads every instance, and a hundred at
-    // once are a storm (connections time out) that no fleet makes when it starts.
+    // At most kStartingCaches cold builds at once: each new reader reads every instance, and a
+    // hundred at once are a storm (connections time out) that no fleet makes when it starts.
     if (views.size() >= kStartingCaches) RequireCurrent(*views[views.size() - kStartingCaches]);
   }
   for (const auto& view : views) RequireCurrent(*view);
